@@ -1,0 +1,127 @@
+// ToviDebugMgr.h - the process-wide trace manager.
+//
+// One manager per process (Instance/Destroy). Init reads the debug
+// configuration, registers the configured sub-modules and starts the main log
+// writer; from then on any thread may trace. A trace call only formats and
+// queues a record: the files and the console are written by the writer's own
+// thread.
+#ifndef TOVI_DEBUGMGR_H
+#define TOVI_DEBUGMGR_H
+
+#include <atomic>
+#include <bitset>
+#include <cstdint>
+#include <map>
+#include <string>
+#include <utility>
+
+#include <ace/RW_Thread_Mutex.h>
+#include <ace/Recursive_Thread_Mutex.h>
+
+#include "ToviExport.h"
+
+class AsnType;
+class ToviDebugEngine;
+class ToviInterString;
+class ToviLogWriter;
+class SubModuleInfo;
+
+// The level of a message, and the number of its bit in a level mask. Levels 4
+// to 31 are accepted and carry no name; the fixed underlying type keeps every
+// one of them a valid value.
+enum ToviLogLevel : int32_t {
+  LEVEL_ASSERT = 0,
+  LEVEL_ERROR = 1,
+  LEVEL_WARN = 2,
+  LEVEL_INFO = 3
+};
+
+// One output of a message, and the number of its bit in an output mask.
+enum ToviOutputDirection : int32_t {
+  OUTPUT_CONSOLE = 0,
+  OUTPUT_FILE = 1
+};
+
+class TOVI_EXPORT ToviDebugMgr {
+public:
+  // Lifecycle.
+  static ToviDebugMgr* Instance();
+  static void Destroy();
+  ~ToviDebugMgr();
+  bool Init(const std::string& strName, const std::string& strDebugCfgFile,
+            const std::string& strLogPath, const std::string& strHeader, bool bIgnored,
+            bool bTraceOff);
+  bool IsInit() const;
+  static int system(const char* command);
+  static int TOVIchown(const std::string& path);
+
+  // Sub-module registry.
+  void SetDefLogLevel(ToviLogLevel level);
+  void SetDefSubModuleName(const std::string& name);
+  bool RegSubModuleInfo(const std::string& name, const std::bitset<32>& level,
+                        const std::bitset<32>& output, bool bUseDebugDefault);
+  bool GetSubModuleInfo(const std::string& name, std::bitset<32>& level,
+                        std::bitset<32>& output);
+  bool SetLogLevel(const std::string& name, ToviLogLevel level, bool on);
+  bool SetLogOutput(const std::string& name, ToviOutputDirection direction, bool on);
+  bool GetAllModuleInfo(std::map<std::string, std::pair<std::bitset<32>, std::bitset<32>>>& items);
+  bool SetAllModuleInfo(const std::bitset<32>& level, const std::bitset<32>& output,
+                        bool bUseDebugDefault);
+
+  // Debug engine.
+  bool RegDebugEngine(ToviDebugEngine* engine);
+  bool UnRegDebugEngine(ToviDebugEngine* engine);
+  ToviDebugEngine* GetDebugEngine();
+
+  // Tracing.
+  bool Trace(const std::string& subModule, ToviLogLevel level, const char* text,
+             const AsnType* asn, bool bPrint, bool bLog);
+  bool AppTrace(const std::string& subModule, ToviLogLevel level, const char* text,
+                const AsnType* asn, bool bPrint, bool bLog, const std::string& appName);
+  void Printf(ToviLogLevel level, const char* format, ...) TOVI_PRINTF_LIKE(3, 4);
+  void Printf(ToviLogLevel level, const ToviInterString& subModule, const char* format, ...)
+      TOVI_PRINTF_LIKE(4, 5);
+  void Printf(const char* format, ...) TOVI_PRINTF_LIKE(2, 3);
+
+  // The singleton. Read without a lock on the fast path of Instance(), so it
+  // is published with a release store once the manager is fully built.
+  static std::atomic<ToviDebugMgr*> m_pInstance;
+
+private:
+  ToviDebugMgr();
+  ToviDebugMgr(const ToviDebugMgr&) = delete;
+  ToviDebugMgr& operator=(const ToviDebugMgr&) = delete;
+
+  void GetCfgItem(const std::string& strDebugCfgFile, int& nFiltLogBufSize, int& nMaxFileNum,
+                  int& nEachFileMaxSize, int& nEachProcessMaxZipNum,
+                  int& nZipFileIncludeFileNum,
+                  std::map<std::string, std::pair<std::bitset<32>, std::bitset<32>>>& items);
+  bool RegSubModuleInfo_i(const std::string& name, const std::bitset<32>& level,
+                          const std::bitset<32>& output, bool bUseDebugDefault);
+  bool GetSubModuleInfo_i(const std::string& name, std::bitset<32>& level,
+                          std::bitset<32>& output);
+
+  static ACE_Recursive_Thread_Mutex m_InstanceLock;
+
+  // The flags and pointers that the trace path reads without a lock are
+  // atomics: Init stores them with release semantics and sets m_bInit last.
+  std::atomic<bool> m_bInit;
+  int32_t m_nFiltLogBufSize;
+  int32_t m_nMaxFileNum;
+  int32_t m_nEachFileMaxSize;
+  int32_t m_nEachProcessMaxZipNum;
+  int32_t m_nZipFileIncludeFileNum;
+  std::atomic<bool> m_bTraceOff;
+  std::string m_strDebugCfgFile;
+  std::atomic<ToviDebugEngine*> m_pDebugEngine;
+  std::atomic<ToviLogWriter*> m_pMainWriter;
+  ACE_RW_Thread_Mutex m_RegistryLock;
+  std::map<std::string, SubModuleInfo*> m_SubModuleMap;
+  std::string m_strDefSubModuleName;
+  ToviLogLevel m_nDefLogLevel;
+  std::map<std::string, ToviLogWriter*> m_WriterTable;
+  ACE_RW_Thread_Mutex m_WriterTableLock;
+  std::string m_strInitName;
+};
+
+#endif

@@ -1,0 +1,122 @@
+// ToviPort.cpp - POSIX implementations of the platform layer.
+#include "port/ToviPort.h"
+
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+
+#include <sys/stat.h>
+#include <sys/types.h>
+#include <unistd.h>
+
+#include <ace/OS_NS_unistd.h>
+#include <ace/Time_Value.h>
+
+namespace toviport {
+
+const char* GetEnv(const char* name) {
+  if (name == nullptr) return nullptr;
+  return std::getenv(name);
+}
+
+bool PathExists(const char* path) {
+  if (path == nullptr) return false;
+  return ::access(path, F_OK) == 0;
+}
+
+PathState CheckPath(const char* path) {
+  if (path == nullptr) return PathState::Absent;
+  if (::access(path, F_OK) == 0) return PathState::Exists;
+  return errno == ENAMETOOLONG ? PathState::TooLong : PathState::Absent;
+}
+
+int MakeDir(const char* path) {
+  if (path == nullptr) return -1;
+  return ::mkdir(path, 0777) == 0 ? 0 : -1;
+}
+
+static bool MakeOneLevel(const std::string& path) {
+  if (::mkdir(path.c_str(), 0777) == 0) return true;
+  // EEXIST also covers a creator that won the race.
+  return errno == EEXIST;
+}
+
+bool MakeDirTree(const char* path) {
+  if (path == nullptr || *path == '\0') return false;
+  const std::string full(path);
+  // Each "/" that follows a name ends a parent; doubled and leading slashes
+  // name no new level.
+  for (std::size_t i = 1; i < full.size(); ++i) {
+    if (full[i] != '/' || full[i - 1] == '/') continue;
+    if (!MakeOneLevel(full.substr(0, i))) return false;
+  }
+  if (full.back() == '/') return PathExists(path);
+  return MakeOneLevel(full);
+}
+
+bool GetFileStatus(const char* path, FileStatus& status) {
+  if (path == nullptr) return false;
+  struct stat st;
+  if (::stat(path, &st) != 0) return false;
+  status.isRegular = S_ISREG(st.st_mode);
+  status.isDirectory = S_ISDIR(st.st_mode);
+  status.size = static_cast<int64_t>(st.st_size);
+  return true;
+}
+
+std::string FullDirPath(const std::string& dir) {
+  char resolved[PATH_MAX];
+  if (dir.empty() || ::realpath(dir.c_str(), resolved) == nullptr) return dir;
+  std::string out(resolved);
+  if (out.back() != '/') out += '/';
+  return out;
+}
+
+int RemoveFile(const char* path) {
+  if (path == nullptr) return -1;
+  return std::remove(path);
+}
+
+int RunCommand(const char* command) { return std::system(command); }
+
+bool OpenTextInput(std::ifstream& in, const std::string& path) {
+  // A directory opens as a stream here but fails every read; refuse it up
+  // front so that callers see "cannot open" as they would elsewhere.
+  FileStatus status;
+  if (GetFileStatus(path.c_str(), status) && status.isDirectory) return false;
+  in.open(path.c_str(), std::ios::in);
+  return in.is_open();
+}
+
+int VFormat(char* buf, std::size_t size, const char* format, va_list args) {
+  return std::vsnprintf(buf, size, format, args);
+}
+
+int64_t CurrentTime() { return static_cast<int64_t>(std::time(nullptr)); }
+
+std::size_t FormatTime(char* buf, std::size_t size, const char* format, const std::tm& when) {
+  return std::strftime(buf, size, format, &when);
+}
+
+uint32_t CurrentThreadId() { return static_cast<uint32_t>(::gettid()); }
+
+uint32_t CurrentProcessId() { return static_cast<uint32_t>(::getpid()); }
+
+void SleepMs(unsigned milliseconds) {
+  ACE_Time_Value delay;
+  delay.msec(static_cast<long>(milliseconds));
+  ACE_OS::sleep(delay);
+}
+
+int PutString(const char* text, FILE* file) { return std::fputs(text, file); }
+
+int ConsolePrintf(const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  const int n = std::vprintf(format, args);
+  va_end(args);
+  return n;
+}
+
+}  // namespace toviport

@@ -1,0 +1,84 @@
+// ToviPort.h - the one place where the library meets the operating system.
+//
+// The rest of the library asks for runtime and system services only through
+// these functions, so their semantics (what counts as "exists", how a
+// directory tree is made, what a thread id is) are decided here and nowhere
+// else. Paths are plain data: nothing here hands one to a shell.
+#ifndef TOVI_PORT_H
+#define TOVI_PORT_H
+
+#include <cstdarg>
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <ctime>
+#include <fstream>
+#include <string>
+
+namespace toviport {
+
+// The value of an environment variable, or null when it is not set.
+const char* GetEnv(const char* name);
+
+// True when something of that name exists (file, directory or other).
+bool PathExists(const char* path);
+
+// The outcome of an existence test with the reason when the answer is no.
+// TooLong covers a whole path or a single component that the file system
+// cannot take; every other reason (not there yet, no access) is Absent.
+enum class PathState { Exists, Absent, TooLong };
+PathState CheckPath(const char* path);
+
+// Creates one directory level; 0 on success, -1 otherwise (errno kept).
+int MakeDir(const char* path);
+
+// Creates the directory and every missing parent with the system's own
+// calls. Components that exist already, or that another creator makes at the
+// same moment, are fine. True when the directory exists afterwards.
+bool MakeDirTree(const char* path);
+
+struct FileStatus {
+  bool isRegular = false;
+  bool isDirectory = false;
+  int64_t size = 0;
+};
+// Status of a path, following symbolic links; false when it cannot be read.
+bool GetFileStatus(const char* path, FileStatus& status);
+
+// The absolute, resolved form of a directory, ending in "/". When it cannot
+// be formed (the directory is gone, say) the path comes back unchanged.
+std::string FullDirPath(const std::string& dir);
+
+// Removes a file; 0 on success.
+int RemoveFile(const char* path);
+
+// Runs a command line through the system's command processor.
+int RunCommand(const char* command);
+
+// Opens a text file for reading; a directory or an unopenable path fails.
+bool OpenTextInput(std::ifstream& in, const std::string& path);
+
+// vsnprintf: writes at most size-1 characters and a NUL; returns the length
+// the complete text would have, or a negative value on a formatting error.
+int VFormat(char* buf, std::size_t size, const char* format, va_list args);
+
+// Seconds since the epoch.
+int64_t CurrentTime();
+
+// strftime into a caller's buffer; 0 when the result does not fit.
+std::size_t FormatTime(char* buf, std::size_t size, const char* format, const std::tm& when);
+
+// The kernel's id of the calling thread and the id of the process.
+uint32_t CurrentThreadId();
+uint32_t CurrentProcessId();
+
+// Suspends the calling thread.
+void SleepMs(unsigned milliseconds);
+
+// fputs and printf on the process's own streams.
+int PutString(const char* text, FILE* file);
+int ConsolePrintf(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
+}  // namespace toviport
+
+#endif

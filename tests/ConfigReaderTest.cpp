@@ -1,0 +1,290 @@
+// The key=value reader: trimming, line splitting, lookups and the loader,
+// on real files, including files that no one should have to read.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <map>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "ToviBaseUtil.h"
+#include "TestSupport.h"
+#include "baseutil/ConfigReader.h"
+
+using tovitest::TempDir;
+using tovitest::WriteFile;
+
+namespace {
+
+std::string Trimmed(const char* text) {
+  std::vector<char> buf(text, text + std::strlen(text) + 1);
+  ToviStrTrim(buf.data());
+  return std::string(buf.data());
+}
+
+// Looks a key up with a caller buffer of the given size; returns the value
+// or "<none>", and the length reported through len.
+std::string Lookup(const std::string& file, const char* key, int size = 2048, int* lenOut = nullptr) {
+  std::vector<char> buf(static_cast<std::size_t>(size > 0 ? size : 1), '\x7f');
+  buf.back() = '\0';
+  int len = size;
+  const bool found = ToviGetCfgString(key, buf.data(), len, file.c_str());
+  if (lenOut != nullptr) *lenOut = len;
+  return found ? std::string(buf.data()) : std::string("<none>");
+}
+
+}  // namespace
+
+TEST(Trim, BlanksAreSpaceAndTabOnly) {
+  EXPECT_EQ(Trimmed("   "), "");
+  EXPECT_EQ(Trimmed("\tab x "), "ab x");
+  EXPECT_EQ(Trimmed("ab\r"), "ab\r");
+  EXPECT_EQ(Trimmed(""), "");
+  EXPECT_EQ(Trimmed("x"), "x");
+  EXPECT_EQ(Trimmed(" \t x\ty \t "), "x\ty");
+  ToviStrTrim(nullptr);
+
+  EXPECT_EQ(TrimString(" \t\r\n", " \t\r\n"), "");
+  EXPECT_EQ(TrimString("ab", ""), "ab");
+  EXPECT_EQ(TrimString(" ab ", nullptr), " ab ");
+  EXPECT_EQ(TrimString("", " "), "");
+  EXPECT_EQ(TrimString("\n a b\r\n", " \t\r\n"), "a b");
+}
+
+TEST(SplitCfgLine, KeysAndValuesAreCutThenTrimmed) {
+  char key[256];
+  char value[1792];
+
+  char l1[] = "k=v=w";
+  ASSERT_EQ(SplitCfgLine(key, value, l1), 1);
+  EXPECT_STREQ(key, "k");
+  EXPECT_STREQ(value, "v=w");
+
+  char l2[] = " key 1 =  value with blanks  ";
+  ASSERT_EQ(SplitCfgLine(key, value, l2), 1);
+  EXPECT_STREQ(key, "key 1");
+  EXPECT_STREQ(value, "value with blanks");
+
+  char l3[] = "=only value";
+  ASSERT_EQ(SplitCfgLine(key, value, l3), 1);
+  EXPECT_STREQ(key, "");
+  EXPECT_STREQ(value, "only value");
+
+  char l4[] = "no equals sign";
+  EXPECT_EQ(SplitCfgLine(key, value, l4), -1);
+  EXPECT_EQ(SplitCfgLine(nullptr, value, l4), -1);
+  EXPECT_EQ(SplitCfgLine(key, nullptr, l4), -1);
+  EXPECT_EQ(SplitCfgLine(key, value, nullptr), -1);
+
+  // The key is cut to 255 characters before it is trimmed: the blanks that
+  // fall inside the cut are trimmed away, the text behind them is gone.
+  std::string longKey = std::string(250, 'a') + std::string(10, ' ') + std::string(40, 'b');
+  std::string line = longKey + "=" + std::string(2000, 'v');
+  std::vector<char> buf(line.begin(), line.end());
+  buf.push_back('\0');
+  ASSERT_EQ(SplitCfgLine(key, value, buf.data()), 1);
+  EXPECT_EQ(std::string(key), std::string(250, 'a'));
+  EXPECT_EQ(std::string(value), std::string(1791, 'v'));
+}
+
+TEST(CfgLookup, FollowsTheLineRules) {
+  TempDir dir;
+  const std::string file = dir / "tovi.cfg";
+  WriteFile(file,
+            "  # c=1\n"
+            "note=1 # note\n"
+            "k=v=w\n"
+            " key 1 =  value with blanks  \r\n"
+            "dup=1\n"
+            "dup=2\n"
+            "\n"
+            "   \t \n"
+            "ten=0123456789\n"
+            "key=1\n"
+            "n=12abc\n"
+            "na=abc\n"
+            "neg=-42\n"
+            "huge=99999999999\n"
+            "lone=a\rb\n"
+            "last=end");
+
+  EXPECT_EQ(Lookup(file, "c"), "<none>");
+  EXPECT_EQ(Lookup(file, "# c"), "<none>");
+  EXPECT_EQ(Lookup(file, "note"), "1 # note");
+  EXPECT_EQ(Lookup(file, "k"), "v=w");
+  EXPECT_EQ(Lookup(file, "key 1"), "value with blanks");
+  EXPECT_EQ(Lookup(file, "dup"), "1");
+  EXPECT_EQ(Lookup(file, "lone"), "a\rb");
+  EXPECT_EQ(Lookup(file, "last"), "end");
+
+  // Keys match exactly: no case folding, and the argument is not trimmed.
+  EXPECT_EQ(Lookup(file, "Key"), "<none>");
+  EXPECT_EQ(Lookup(file, " key"), "<none>");
+  EXPECT_EQ(Lookup(file, "key"), "1");
+
+  // The caller's buffer must hold the value and its NUL; a failed lookup
+  // reports length 0 and leaves the buffer untouched.
+  int len = -1;
+  char small[10];
+  std::memset(small, 'Z', sizeof small);
+  len = 10;
+  EXPECT_FALSE(ToviGetCfgString("ten", small, len, file.c_str()));
+  EXPECT_EQ(len, 0);
+  EXPECT_EQ(small[0], 'Z');
+  EXPECT_EQ(Lookup(file, "ten", 11, &len), "0123456789");
+  EXPECT_EQ(len, 10);
+  len = -5;
+  EXPECT_FALSE(ToviGetCfgString("ten", small, len, file.c_str()));
+  EXPECT_EQ(len, 0);
+
+  int n = 7;
+  EXPECT_TRUE(ToviGetCfgInt("n", n, file.c_str()));
+  EXPECT_EQ(n, 12);
+  EXPECT_TRUE(ToviGetCfgInt("na", n, file.c_str()));
+  EXPECT_EQ(n, 0);
+  EXPECT_TRUE(ToviGetCfgInt("neg", n, file.c_str()));
+  EXPECT_EQ(n, -42);
+  EXPECT_TRUE(ToviGetCfgInt("huge", n, file.c_str()));
+  EXPECT_EQ(n, 2147483647);
+  n = 7;
+  EXPECT_FALSE(ToviGetCfgInt("missing", n, file.c_str()));
+  EXPECT_EQ(n, 7);
+
+  char buf[16] = "untouched";
+  len = 16;
+  EXPECT_FALSE(ToviGetCfgString(nullptr, buf, len, file.c_str()));
+  EXPECT_EQ(len, 0);
+  len = 16;
+  EXPECT_FALSE(ToviGetCfgString("k", nullptr, len, file.c_str()));
+  EXPECT_EQ(len, 0);
+  len = 16;
+  EXPECT_FALSE(ToviGetCfgString("k", buf, len, nullptr));
+  EXPECT_EQ(len, 0);
+  len = 16;
+  EXPECT_FALSE(ToviGetCfgString("k", buf, len, (dir / "absent.cfg").c_str()));
+  EXPECT_EQ(len, 0);
+  EXPECT_STREQ(buf, "untouched");
+  EXPECT_FALSE(ToviGetCfgInt("k", n, nullptr));
+}
+
+TEST(CfgLookup, OverlongLineEndsTheFile) {
+  TempDir dir;
+  // 2040 blanks and "k=abcdefghij": the first 2047 characters hold "k=abcde",
+  // and the line after the long one is never read.
+  const std::string cut = dir / "cut.cfg";
+  WriteFile(cut, std::string(2040, ' ') + "k=abcdefghij\nafter=1\n");
+  EXPECT_EQ(Lookup(cut, "k"), "abcde");
+  EXPECT_EQ(Lookup(cut, "after"), "<none>");
+
+  // Exactly 2047 characters followed by CR LF is a whole line.
+  const std::string fits = dir / "fits.cfg";
+  WriteFile(fits, std::string(2040, ' ') + "k2=abcd\r\nnext=1\n");
+  EXPECT_EQ(Lookup(fits, "k2"), "abcd");
+  EXPECT_EQ(Lookup(fits, "next"), "1");
+
+  // The loader stops at the same place and still reports success.
+  std::map<std::string, std::string> items;
+  EXPECT_TRUE(LoadCfgFileToMap(items, cut, ""));
+  EXPECT_EQ(items, (std::map<std::string, std::string>{{"k", "abcde"}}));
+}
+
+TEST(CfgLookup, HostileFilesAreReadSafely) {
+  TempDir dir;
+  std::map<std::string, std::string> items;
+  items["kept"] = "x";
+
+  // A directory in place of the file cannot be opened.
+  int len = 32;
+  char buf[32] = "untouched";
+  EXPECT_FALSE(ToviGetCfgString("k", buf, len, dir.path().c_str()));
+  EXPECT_EQ(len, 0);
+  EXPECT_FALSE(LoadCfgFileToMap(items, dir.path(), ""));
+  EXPECT_FALSE(LoadCfgFileToMap(items, dir / "absent.cfg", ""));
+
+  // NUL bytes end a line's text where they stand, and the next line is read.
+  const std::string nul = dir / "nul.cfg";
+  WriteFile(nul, std::string("a\0b=1\nx=2\0junk\ny=\0\n", 20));
+  EXPECT_EQ(Lookup(nul, "x"), "2");
+  EXPECT_EQ(Lookup(nul, "y"), "");
+  EXPECT_EQ(Lookup(nul, "a"), "<none>");
+
+  // Random bytes, with and without line ends, then an item: every lookup
+  // returns, and the item after garbage of short lines is still found.
+  std::mt19937 rng(42);
+  std::string garbage;
+  for (int i = 0; i < 200000; ++i) garbage.push_back(static_cast<char>(rng() & 0xff));
+  WriteFile(dir / "bin.cfg", garbage + "\nzz=9\n");
+  Lookup(dir / "bin.cfg", "zz");
+  LoadCfgFileToMap(items, dir / "bin.cfg", "_level");
+
+  std::string shortLines;
+  for (int i = 0; i < 5000; ++i) {
+    shortLines.push_back(static_cast<char>(rng() & 0xff));
+    if (i % 50 == 0) shortLines.push_back('\n');
+  }
+  WriteFile(dir / "short.cfg", shortLines + "\nzz=9\n");
+  EXPECT_EQ(Lookup(dir / "short.cfg", "zz"), "9");
+
+  WriteFile(dir / "empty.cfg", "");
+  EXPECT_EQ(Lookup(dir / "empty.cfg", "zz"), "<none>");
+  EXPECT_TRUE(LoadCfgFileToMap(items, dir / "empty.cfg", ""));
+  EXPECT_EQ(items.count("kept"), 1u);
+}
+
+TEST(CfgLoader, KeepsTheLastAndCutsAtTheKeyPart) {
+  TempDir dir;
+  const std::string file = dir / "debug.cfg";
+  WriteFile(file,
+            "  MRB_level = 1100 \n"
+            "debug_level=1100\n"
+            "MRB_output=0100\n"
+            "_level=1\n"
+            " x _level=01\n"  // the line is trimmed, the blank before the key part stays
+            "a_level_level=0\n"
+            "dup_level=1\n"
+            "dup_level=2\n"
+            "# skipped_level=1\n"
+            "plain=3\n");
+
+  std::map<std::string, std::string> items{{"untouched", "u"}, {"MRB", "old"}};
+  ASSERT_TRUE(LoadCfgFileToMap(items, file, "_level"));
+  const std::map<std::string, std::string> expected{
+      {"untouched", "u"}, {"MRB", "1100"}, {"debug", "1100"}, {"", "1"},
+      {"x ", "01"},       {"a", "0"},      {"dup", "2"}};
+  EXPECT_EQ(items, expected);
+
+  std::map<std::string, std::string> all;
+  ASSERT_TRUE(LoadCfgFileToMap(all, file, ""));
+  EXPECT_EQ(all.size(), 8u);
+  EXPECT_EQ(all["dup_level"], "2");
+  EXPECT_EQ(all["MRB_output"], "0100");
+  EXPECT_EQ(all.count("# skipped_level"), 0u);
+
+  std::map<std::string, std::string> none{{"k", "v"}};
+  EXPECT_TRUE(LoadCfgFileToMap(none, "", "_level"));
+  EXPECT_EQ(none, (std::map<std::string, std::string>{{"k", "v"}}));
+}
+
+TEST(CfgLookup, ConcurrentReadersOfOneFile) {
+  TempDir dir;
+  const std::string file = dir / "shared.cfg";
+  std::string body;
+  for (int i = 0; i < 500; ++i) body += "key" + std::to_string(i) + "=" + std::to_string(i * 7) + "\n";
+  WriteFile(file, body);
+
+  std::vector<std::thread> threads;
+  std::vector<int> wrong(4, 0);
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&, t] {
+      for (int i = t; i < 500; i += 13) {
+        int v = -1;
+        const std::string key = "key" + std::to_string(i);
+        if (!ToviGetCfgInt(key.c_str(), v, file.c_str()) || v != i * 7) ++wrong[t];
+      }
+    });
+  }
+  for (auto& th : threads) th.join();
+  EXPECT_EQ(wrong, std::vector<int>(4, 0));
+}

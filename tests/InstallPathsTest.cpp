@@ -1,0 +1,39 @@
+// The installation root from TOVI_ROOT and the paths derived from it.
+#include <gtest/gtest.h>
+
+#include "ToviBaseUtil.h"
+#include "TestSupport.h"
+
+using tovitest::ScopedEnv;
+
+TEST(InstallPaths, RootFromEnvironment) {
+  {
+    ScopedEnv env("TOVI_ROOT", nullptr);
+    EXPECT_EQ(ToviGetRootPath(), "");
+    EXPECT_EQ(ToviGetDefaultCfgFile(), "etc/conf/tovi.cfg");
+    EXPECT_EQ(ToviGetDefaultLogPath(), "var/logs/mrblog/");
+  }
+  const std::pair<const char*, const char*> cases[] = {
+      {" /opt/p \r\n", "/opt/p/"}, {"/opt/p/", "/opt/p/"}, {"/opt/p", "/opt/p/"},
+      {"D:\\p\\", "D:\\p\\/"},     {"", ""},               {" \t\r\n", ""},
+      {"/", "/"},                  {"rel", "rel/"},
+  };
+  for (const auto& c : cases) {
+    ScopedEnv env("TOVI_ROOT", c.first);
+    EXPECT_EQ(ToviGetRootPath(), c.second) << "TOVI_ROOT='" << c.first << "'";
+  }
+}
+
+TEST(InstallPaths, DerivedPathsFollowEachCall) {
+  {
+    ScopedEnv env("TOVI_ROOT", "/opt/p/");
+    EXPECT_EQ(ToviGetDefaultLogPath(), "/opt/p/var/logs/mrblog/");
+    EXPECT_EQ(ToviGetDefaultTempPath(), "/opt/p/var/tmp/");
+    EXPECT_EQ(ToviGetDefaultCfgPath(), "/opt/p/etc/conf/");
+    EXPECT_EQ(ToviGetDefaultDebugCfgFile(), "/opt/p/etc/conf/default_debug.cfg");
+    EXPECT_EQ(ToviGetDefaultCfgFile(), "/opt/p/etc/conf/tovi.cfg");
+    EXPECT_EQ(ToviGetDefaultSslPath(), "/opt/p/etc/ssl/");
+  }
+  ScopedEnv env("TOVI_ROOT", "/other");
+  EXPECT_EQ(ToviGetDefaultSslPath(), "/other/etc/ssl/");
+}
