@@ -6,6 +6,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include <fcntl.h>
+#include <pthread.h>
 #include <sys/stat.h>
 #include <sys/types.h>
 #include <unistd.h>
@@ -73,6 +75,15 @@ std::string FullDirPath(const std::string& dir) {
   return out;
 }
 
+CreateResult CreateNewFile(const std::string& path) {
+  const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+  if (fd >= 0) {
+    ::close(fd);
+    return CreateResult::Created;
+  }
+  return errno == EEXIST ? CreateResult::Exists : CreateResult::Failed;
+}
+
 int RemoveFile(const char* path) {
   if (path == nullptr) return -1;
   return std::remove(path);
@@ -99,7 +110,19 @@ std::size_t FormatTime(char* buf, std::size_t size, const char* format, const st
   return std::strftime(buf, size, format, &when);
 }
 
-uint32_t CurrentThreadId() { return static_cast<uint32_t>(::gettid()); }
+namespace {
+thread_local uint32_t t_threadId = 0;
+
+// A forked child's only thread inherits the parent thread's remembered id.
+void ForgetThreadIdInChild() { t_threadId = 0; }
+const int g_atforkRegistered = ::pthread_atfork(nullptr, nullptr, ForgetThreadIdInChild);
+}  // namespace
+
+uint32_t CurrentThreadId() {
+  (void)g_atforkRegistered;
+  if (t_threadId == 0) t_threadId = static_cast<uint32_t>(::gettid());
+  return t_threadId;
+}
 
 uint32_t CurrentProcessId() { return static_cast<uint32_t>(::getpid()); }
 

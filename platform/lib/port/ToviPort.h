@@ -49,6 +49,11 @@ bool GetFileStatus(const char* path, FileStatus& status);
 // be formed (the directory is gone, say) the path comes back unchanged.
 std::string FullDirPath(const std::string& dir);
 
+// Creates a new, empty file and never touches an existing one: Exists when
+// something of that name is there already, Failed for every other reason.
+enum class CreateResult { Created, Exists, Failed };
+CreateResult CreateNewFile(const std::string& path);
+
 // Removes a file; 0 on success.
 int RemoveFile(const char* path);
 
@@ -68,7 +73,8 @@ int64_t CurrentTime();
 // strftime into a caller's buffer; 0 when the result does not fit.
 std::size_t FormatTime(char* buf, std::size_t size, const char* format, const std::tm& when);
 
-// The kernel's id of the calling thread and the id of the process.
+// The kernel's id of the calling thread (remembered per thread, since the
+// trace path asks for it on every call) and the id of the process.
 uint32_t CurrentThreadId();
 uint32_t CurrentProcessId();
 

@@ -1,0 +1,69 @@
+// StopSequence.cpp - deleting a writer.
+//
+// The writer thread is asked to stop behind the records already queued, so
+// those are written; the destructor then waits for the thread, counts and
+// drops what is left, and closes the file. Every wait here is bounded: the
+// writer thread notices a stop within 100 ms whether or not the end marker
+// reached the queue, and a marker that finds no room on a writer that cannot
+// write is given up after about a second.
+#include <ace/OS_NS_stdio.h>
+#include <cstdio>
+
+#include <ace/ACE.h>
+
+#include "logwriter/RecordBlock.h"
+#include "logwriter/ToviLogRecord.h"
+#include "logwriter/ToviLogWriter.h"
+#include "port/ToviPort.h"
+
+namespace {
+constexpr unsigned kExitPollMs = 100;
+}
+
+void ToviLogWriter::ClearQueueAtStop(RecordQueue& queue, const char* failure) {
+  while (queue.message_count() > 0) {
+    ACE_Message_Block* block = nullptr;
+    ACE_Time_Value now_or_never = ACE_Time_Value::zero;
+    if (queue.dequeue_head(block, &now_or_never) == -1) {
+      WriteString(failure);
+      return;
+    }
+    if (block != nullptr) delete UnwrapRecord(block);
+  }
+}
+
+ToviLogWriter::~ToviLogWriter() {
+  m_bStopRequested.store(true, std::memory_order_release);
+  if (m_bStarted) {
+    try {
+      ToviLogRecord* marker = new (std::nothrow) ToviLogRecord();
+      ACE_Message_Block* block = marker != nullptr ? WrapRecord(marker) : nullptr;
+      if (block == nullptr || !EnqueueOutput(block)) {
+        delete block;
+        delete marker;
+      }
+      while (!m_bThreadExited.load(std::memory_order_acquire)) toviport::SleepMs(kExitPollMs);
+
+      char stamp[512];
+      char line[512];
+      ACE::timestamp(stamp, sizeof stamp, false);
+      ACE_OS::snprintf(line, sizeof line, "%s about to clear m_DiscardQueue(%d)\n", stamp,
+                    static_cast<int>(m_DiscardQueue.message_count()));
+      WriteString(line);
+      ClearQueueAtStop(m_DiscardQueue, "dequeue from m_DiscardQueue fail.\n");
+
+      ACE::timestamp(stamp, sizeof stamp, false);
+      ACE_OS::snprintf(line, sizeof line, "%s about to clear m_OutputQueue(%d)\n", stamp,
+                    static_cast<int>(m_OutputQueue.message_count()));
+      WriteString(line);
+      ClearQueueAtStop(m_OutputQueue, "dequeue from m_OutputQueue fail.\n");
+
+      ACE::timestamp(stamp, sizeof stamp, false);
+      ACE_OS::snprintf(line, sizeof line, "%s after m_OutputQueue cleared\n", stamp);
+      WriteString(line);
+    } catch (...) {
+      // A destructor must not throw; the file is still closed below.
+    }
+  }
+  CloseLogFile();
+}
