@@ -1,0 +1,260 @@
+// What lands in a log file, byte for byte: the head of a file, the record
+// lines, the writer thread's and the stop sequence's lines, the close line,
+// the date line, the byte-order mark, and the roll-over point.
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <ctime>
+#include <memory>
+#include <regex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "ToviBaseUtil.h"
+#include "WriterTestSupport.h"
+#include "logwriter/ToviLogWriter.h"
+#include "port/ToviPort.h"
+
+using namespace tovitest;
+
+namespace {
+
+const char kTime[] = R"(\d\d:\d\d:\d\d\.\d{6})";
+const char kStamp[] = R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6})";
+
+std::vector<std::string> SplitLines(const std::string& text) {
+  std::vector<std::string> lines;
+  std::size_t start = 0;
+  while (start < text.size()) {
+    const std::size_t end = text.find('\n', start);
+    if (end == std::string::npos) {
+      lines.push_back(text.substr(start) + "<no line end>");
+      break;
+    }
+    lines.push_back(text.substr(start, end - start));
+    start = end + 1;
+  }
+  return lines;
+}
+
+// Matches each line against its pattern; reports the first difference.
+void ExpectLines(const std::vector<std::string>& lines, const std::vector<std::string>& patterns) {
+  ASSERT_EQ(lines.size(), patterns.size()) << [&] {
+    std::string all;
+    for (const auto& l : lines) all += l + "\n";
+    return all;
+  }();
+  for (std::size_t i = 0; i < lines.size(); ++i) {
+    EXPECT_TRUE(std::regex_match(lines[i], std::regex(patterns[i])))
+        << "line " << i << ": '" << lines[i] << "' !~ /" << patterns[i] << "/";
+  }
+}
+
+std::string Head(uint32_t tid) {
+  char hex[16];
+  std::snprintf(hex, sizeof hex, "%x", tid);
+  return std::string(kTime) + "\\.T" + hex + " ";
+}
+
+std::vector<std::string> LogFiles(const std::string& dir) {
+  std::vector<std::string> out;
+  for (const auto& name : ListDir(dir)) {
+    if (EndsWith(name, ".log")) out.push_back(name);
+  }
+  return out;
+}
+
+}  // namespace
+
+TEST(LogFileFormat, FirstFileFromCreationToClose) {
+  ScopedEnv locale("TOVI_LOCALE", nullptr);
+  TempDir dir;
+  const std::string logs = dir / "logs";  // the last level is created by the writer
+  const uint32_t tid = toviport::CurrentThreadId();
+  StdoutCapture out;
+  {
+    auto writer = std::make_unique<ToviLogWriter>(logs, "p", "build 7", false, false, 10,
+                                                  1048576, 10);
+    EXPECT_EQ(writer->GetLogPath(), logs + "/");
+    auto asn = std::make_unique<CountingAsn>("VALUE{1}");
+    EXPECT_TRUE(writer->AddLog("MRB", LEVEL_INFO, "abc", nullptr, false, true));
+    EXPECT_TRUE(writer->AddLog("MRB", LEVEL_ERROR, "abc\n", nullptr, false, true));
+    EXPECT_TRUE(writer->AddLog("MRB", LEVEL_WARN, "", nullptr, false, true));
+    EXPECT_TRUE(writer->AddLog("", LEVEL_INFO, "x", nullptr, false, true));
+    EXPECT_TRUE(writer->AddLog("MRB", static_cast<ToviLogLevel>(5), "five", nullptr, false, true));
+    EXPECT_TRUE(writer->AddLog("MRB", LEVEL_INFO, "with asn", asn.get(), false, true));
+    asn.reset();  // the record carries its own copy
+    EXPECT_TRUE(writer->AddLog("MRB", LEVEL_INFO, "console only", nullptr, true, false));
+    EXPECT_TRUE(writer->AddLog("MRB", LEVEL_INFO, "both", nullptr, true, true));
+    EXPECT_FALSE(writer->AddLog("MRB", LEVEL_INFO, nullptr, nullptr, true, true));
+  }
+  const std::string printed = out.Text();
+  out.Restore();
+
+  const std::vector<std::string> files = ListDir(logs);
+  ASSERT_EQ(files.size(), 1u);
+  const std::string name = files[0];
+  ASSERT_TRUE(std::regex_match(name, std::regex(R"(p\d{8}_\d{6}\.log)"))) << name;
+  const std::string text = ReadFile(logs + "/" + name);
+  ASSERT_EQ(text.rfind("File create at time ", 0), 0u) << "no byte-order mark, nothing before";
+
+  // The creation line shows the instant that named the file.
+  const std::string stampOfName = name.substr(1, 4) + "-" + name.substr(5, 2) + "-" +
+                                  name.substr(7, 2) + " " + name.substr(10, 2) + ":" +
+                                  name.substr(12, 2) + ":" + name.substr(14, 2);
+  EXPECT_EQ(text.find("File create at time " + stampOfName + ". "), 0u);
+
+  std::vector<std::string> lines = SplitLines(text);
+  // Whether the first record gets a date line depends on what this process
+  // logged before; the date line test covers it in a fresh process.
+  if (lines.size() > 3 && lines[3].rfind("Current date&time:", 0) == 0) {
+    EXPECT_TRUE(std::regex_match(lines[3], std::regex(std::string("Current date&time:") + kStamp)));
+    lines.erase(lines.begin() + 3);
+  }
+  const std::string h = Head(tid);
+  ExpectLines(lines, {
+      "File create at time " + stampOfName + R"(\. Current ospid is )" +
+          std::to_string(toviport::CurrentProcessId()),
+      "build 7This is the first log file",
+      "Thread handle output string is 0x[0-9a-f]+",
+      h + "MRB INFO: abc",
+      h + "MRB ERROR: abc",
+      h + "MRB WARN: ",
+      h + " INFO: x",
+      h + "MRB five",
+      h + "MRB INFO: with asn",
+      "ASN Trace:",
+      R"(VALUE\{1\})",
+      h + "MRB INFO: both",
+      "thread handle output string exit",
+      std::string(kStamp) + R"( about to clear m_DiscardQueue\(0\))",
+      std::string(kStamp) + R"( about to clear m_OutputQueue\(0\))",
+      std::string(kStamp) + " after m_OutputQueue cleared",
+      R"(File close at \S* ?\d{4}-\d\d-\d\d \d\d:\d\d:\d\d)",
+  });
+
+  // The console gets the record lines, never a date line.
+  ExpectLines(SplitLines(printed), {h + "MRB INFO: console only", h + "MRB INFO: both"});
+}
+
+TEST(LogFileFormat, RollOverAfterTheRecordThatCrossesTheLimit) {
+  TempDir dir;
+  const std::string logs = dir / "logs/";
+  constexpr unsigned kLimit = 1048576;
+  const std::string payload(1000, 'r');
+  {
+    ToviLogWriter writer(logs, "roll_", "hdr\n", false, false, 10, kLimit, 50);
+    for (int i = 0; i < 1500; ++i) {
+      ASSERT_TRUE(writer.AddLog("S", LEVEL_INFO, (std::to_string(i) + payload).c_str(), nullptr,
+                                false, true));
+    }
+  }
+  const std::vector<std::string> names = ListDir(logs);
+  ASSERT_EQ(names.size(), 2u);
+  ASSERT_TRUE(EndsWith(names[0], ".log.gz")) << names[0];
+  ASSERT_TRUE(EndsWith(names[1], ".log")) << names[1];
+  EXPECT_LT(names[0], names[1]);
+
+  const std::string first = ReadGz(logs + names[0]);
+  const std::string second = ReadFile(logs + names[1]);
+  const std::size_t close = first.rfind("File close at ");
+  ASSERT_NE(close, std::string::npos);
+  EXPECT_EQ(first.find('\n', close), first.size() - 1) << "the close line ends the file";
+  // Past the limit after the last record, not yet before it.
+  EXPECT_GT(close, kLimit);
+  const std::size_t lastRecord = first.rfind(".T", close);
+  const std::size_t lastRecordStart = first.rfind('\n', lastRecord) + 1;
+  EXPECT_LE(lastRecordStart, kLimit);
+
+  // The next file has its own head and no first-file lines; the records
+  // carry on where the first file stopped.
+  EXPECT_EQ(second.rfind("File create at time ", 0), 0u);
+  const std::size_t headEnd = second.find('\n') + 1;
+  EXPECT_EQ(second.compare(headEnd, 4, "hdr\n"), 0);
+  EXPECT_EQ(second.find("This is the first log file"), std::string::npos);
+  const std::string lastInFirst = first.substr(lastRecordStart, close - lastRecordStart);
+  const std::size_t n = std::stoul(lastInFirst.substr(lastInFirst.find("INFO: ") + 6));
+  EXPECT_NE(second.find("S INFO: " + std::to_string(n + 1) + "rrr"), std::string::npos);
+  EXPECT_EQ(first.find("S INFO: " + std::to_string(n + 1) + "rrr"), std::string::npos);
+}
+
+// The two tests below need a process in which nothing has been logged and
+// the locale has not been looked at yet. A death-test child is such a
+// process; it checks what it wrote itself and reports through its exit code
+// and standard error.
+namespace {
+
+int Fail(int code, const std::string& why) {
+  std::fprintf(stderr, "%s\n", why.c_str());
+  return code;
+}
+
+int DateLineChild() {
+  TempDir dir;
+  {
+    ToviLogWriter a(dir / "a", "a", "", false, false, 10, 1048576, 10);
+    a.AddLog("S", LEVEL_INFO, "first", nullptr, false, true);
+    a.AddLog("S", LEVEL_INFO, "second", nullptr, false, true);
+  }
+  {
+    ToviLogWriter b(dir / "b", "b", "", false, false, 10, 1048576, 10);
+    b.AddLog("S", LEVEL_INFO, "third", nullptr, false, true);
+  }
+  const std::vector<std::string> fa = LogFiles(dir / "a");
+  const std::vector<std::string> fb = LogFiles(dir / "b");
+  if (fa.size() != 1 || fb.size() != 1) return Fail(2, "expected one file per writer");
+  const std::string a = ReadFile(dir / ("a/" + fa[0]));
+  const std::string b = ReadFile(dir / ("b/" + fb[0]));
+  const std::regex dated(std::string("\nCurrent date&time:") + kStamp + "\n" + kTime +
+                         R"(\.T[0-9a-f]+ S INFO: first\n)" + kTime +
+                         R"(\.T[0-9a-f]+ S INFO: second\n)");
+  if (!std::regex_search(a, dated)) return Fail(3, "first file:\n" + a);
+  if (b.find("Current date&time:") != std::string::npos) return Fail(4, "second writer:\n" + b);
+  if (b.find("S INFO: third\n") == std::string::npos) return Fail(5, "second writer:\n" + b);
+  return 0;
+}
+
+int LocaleChild(const char* locale, bool expectUtf8) {
+  if (locale != nullptr) {
+    ::setenv("TOVI_LOCALE", locale, 1);
+  } else {
+    ::unsetenv("TOVI_LOCALE");
+  }
+  if (TOVIIsGlobalVersion() != expectUtf8) return Fail(2, "wrong locale decision");
+  ::setenv("TOVI_LOCALE", expectUtf8 ? "other" : "UTF-8", 1);
+  if (TOVIIsGlobalVersion() != expectUtf8) return Fail(3, "the decision changed");
+
+  TempDir dir;
+  FILE* f = std::fopen((dir / "handle.txt").c_str(), "w");
+  TOVIInsertBOM(f);
+  TOVIInsertBOM(static_cast<FILE*>(nullptr));
+  std::fclose(f);
+  std::ofstream closed;
+  TOVIInsertBOM(closed);
+  { ToviLogWriter w(dir / "logs", "p", "", false, false, 10, 1048576, 10); }
+
+  const std::string bom = expectUtf8 ? "\xEF\xBB\xBF" : "";
+  if (ReadFile(dir / "handle.txt") != bom) return Fail(4, "handle form wrote the wrong bytes");
+  const std::vector<std::string> files = LogFiles(dir / "logs");
+  if (files.size() != 1) return Fail(5, "expected one log file");
+  const std::string text = ReadFile(dir / ("logs/" + files[0]));
+  if (text.rfind(bom + "File create at time ", 0) != 0) return Fail(6, "log file head: " + text);
+  return 0;
+}
+
+}  // namespace
+
+TEST(LogFileFormat, DateLineOncePerDayAcrossWriters) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(std::exit(DateLineChild()), ::testing::ExitedWithCode(0), "");
+}
+
+TEST(LogFileFormat, ByteOrderMarkFollowsTheLocale) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(std::exit(LocaleChild("UTF-8", true)), ::testing::ExitedWithCode(0), "");
+  EXPECT_EXIT(std::exit(LocaleChild("utf-8", false)), ::testing::ExitedWithCode(0), "");
+  EXPECT_EXIT(std::exit(LocaleChild("UTF8", false)), ::testing::ExitedWithCode(0), "");
+  EXPECT_EXIT(std::exit(LocaleChild("UTF-8 ", false)), ::testing::ExitedWithCode(0), "");
+  EXPECT_EXIT(std::exit(LocaleChild(nullptr, false)), ::testing::ExitedWithCode(0), "");
+}
