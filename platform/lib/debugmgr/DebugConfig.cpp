@@ -1,0 +1,130 @@
+// DebugConfig.cpp - reading the debug configuration: the writer limits and
+// the masks of every sub-module.
+//
+// Each setting comes from the debug configuration file, else from the
+// product configuration file, else from its default. Sub-module keys come
+// from the debug file only. Nothing is cached: Init reads once per start.
+#include <climits>
+#include <cstdint>
+#include <map>
+#include <string>
+
+#include "ToviBaseUtil.h"
+#include "ToviDebugMgr.h"
+#include "baseutil/ConfigReader.h"
+#include "debugmgr/DebugConfig.h"
+#include "port/ToviPort.h"
+
+namespace {
+constexpr int64_t kMiB = 1048576;
+constexpr int kMaskBufSize = 2048;
+const char kLevelDefault[] = "1100";
+const char kDebugOutputDefault[] = "0100";
+const char kOutputDefault[] = "1100";
+
+typedef std::map<std::string, std::pair<std::bitset<32>, std::bitset<32>>> MaskMap;
+
+std::bitset<32> MaskOr(const std::string& text, const char* fallback) {
+  std::bitset<32> mask;
+  if (!ParseBitString(text, mask)) ParseBitString(fallback, mask);
+  return mask;
+}
+
+std::bitset<32> Mask(const char* text) { return MaskOr(text, text); }
+
+class SettingReader {
+public:
+  SettingReader(const std::string& debugFile, const std::string& productFile)
+      : debug_(debugFile), product_(productFile), useProduct_(productFile != debugFile) {}
+
+  // The number of key from the debug file, else from the product file.
+  bool Int(const char* key, int& value) const {
+    if (ToviGetCfgInt(key, value, debug_.c_str())) return true;
+    return useProduct_ && ToviGetCfgInt(key, value, product_.c_str());
+  }
+
+  int IntOr(const char* key, int fallback) const {
+    int value = 0;
+    return Int(key, value) ? value : fallback;
+  }
+
+  std::string StringOr(const char* key, const char* fallback) const {
+    char value[kMaskBufSize];
+    int len = kMaskBufSize;
+    if (ToviGetCfgString(key, value, len, debug_.c_str())) return value;
+    len = kMaskBufSize;
+    if (useProduct_ && ToviGetCfgString(key, value, len, product_.c_str())) return value;
+    return fallback;
+  }
+
+private:
+  std::string debug_;
+  std::string product_;
+  bool useProduct_;
+};
+
+// Megabytes to bytes. A count whose bytes do not fit saturates, so that the
+// range check that follows rejects it instead of a wrapped value passing.
+int MebibytesToBytes(int mebibytes) {
+  const int64_t bytes = static_cast<int64_t>(mebibytes) * kMiB;
+  if (bytes > INT32_MAX) return INT32_MAX;
+  if (bytes < INT32_MIN) return INT32_MIN;
+  return static_cast<int>(bytes);
+}
+}  // namespace
+
+bool ParseBitString(const std::string& text, std::bitset<32>& mask) {
+  const std::size_t start = text.size() > 32 ? text.size() - 32 : 0;
+  std::bitset<32> parsed;
+  for (std::size_t i = start; i < text.size(); ++i) {
+    const char c = text[i];
+    if (c != '0' && c != '1') return false;
+    parsed.set(i - start, c == '1');
+  }
+  mask = parsed;
+  return true;
+}
+
+void ToviDebugMgr::GetCfgItem(const std::string& strDebugCfgFile, int& nFiltLogBufSize,
+                              int& nMaxFileNum, int& nEachFileMaxSize, int& nEachProcessMaxZipNum,
+                              int& nZipFileIncludeFileNum, MaskMap& items) {
+  std::string file = strDebugCfgFile;
+  const bool missing = !file.empty() && !toviport::PathExists(file.c_str());
+  const std::string defaultDebugFile = ToviGetDefaultDebugCfgFile();
+  if (file.empty() || missing) {
+    file = defaultDebugFile;
+    if (m_strDebugCfgFile.empty() || missing) m_strDebugCfgFile = defaultDebugFile;
+  }
+  const SettingReader settings(file, ToviGetDefaultCfgFile());
+
+  nFiltLogBufSize = settings.IntOr("nFiltLogBufSize", 100);
+  nMaxFileNum = settings.IntOr("nMaxFileNum", 50);
+  int mebibytes = 0;
+  nEachFileMaxSize = settings.Int("nEachFileMaxSize", mebibytes) ? MebibytesToBytes(mebibytes)
+                                                                   : static_cast<int>(5 * kMiB);
+  nEachProcessMaxZipNum = settings.IntOr("nEachProcessMaxZipNum", 10);
+  nZipFileIncludeFileNum = settings.IntOr("nZipFileIncludeFileNum", 10);
+
+  items["debug"] = {MaskOr(settings.StringOr("debug_level", kLevelDefault), kLevelDefault),
+                    MaskOr(settings.StringOr("debug_output", kDebugOutputDefault),
+                           kDebugOutputDefault)};
+
+  std::map<std::string, std::string> levels;
+  std::map<std::string, std::string> outputs;
+  LoadCfgFileToMap(levels, file, "_level");
+  LoadCfgFileToMap(outputs, file, "_output");
+  // A "_level" entry replaces the whole entry, "debug" included; only an
+  // "_output" key of the same file sets its output mask again.
+  for (const auto& level : levels) {
+    items[level.first] = {MaskOr(level.second, kLevelDefault), Mask(kDebugOutputDefault)};
+  }
+  for (const auto& output : outputs) {
+    const std::bitset<32> mask = MaskOr(output.second, kOutputDefault);
+    auto found = items.find(output.first);
+    if (found != items.end()) {
+      found->second.second = mask;
+    } else {
+      items[output.first] = {Mask(kLevelDefault), mask};
+    }
+  }
+}

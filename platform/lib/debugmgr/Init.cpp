@@ -1,0 +1,117 @@
+// Init.cpp - configuring the manager once per process.
+//
+// The whole run holds the registry lock for writing, so no registry or
+// engine operation interleaves with it and a second Init waits, then finds
+// the manager initialised. The initialised flag is set last, after the main
+// writer is published, because the trace path reads both without a lock.
+#include <map>
+#include <new>
+#include <string>
+
+#include <ace/Guard_T.h>
+
+#include "ToviBaseUtil.h"
+#include "ToviDebugMgr.h"
+#include "logwriter/ToviLogWriter.h"
+#include "port/ToviPort.h"
+
+namespace {
+struct Range {
+  int low;
+  int high;
+  int fallback;
+};
+const Range kFiltLogBufSize{0, 1000, 100};
+const Range kMaxFileNum{0, 100, 50};
+const Range kEachFileMaxSize{1048576, 52428800, 5242880};
+const Range kEachProcessMaxZipNum{1, 50, 10};
+const Range kZipFileIncludeFileNum{1, 50, 10};
+
+int Clamp(int value, const Range& range) {
+  return value < range.low || value > range.high ? range.fallback : value;
+}
+
+// A configured mask above 4369 ("1111" read as hexadecimal digits) keeps only
+// its four lowest bits; 4369 and below stay whole.
+std::bitset<32> BoundMask(const std::bitset<32>& mask) {
+  const unsigned long value = mask.to_ulong();
+  return std::bitset<32>(value > 4369 ? (value & 15) : value);
+}
+
+bool HoldsSeparator(const std::string& name) {
+  return name.find('/') != std::string::npos || name.find('\\') != std::string::npos;
+}
+
+// The Init name ends up as the start of file names in the log directory: a
+// name that would leave the directory, or that the file system cannot take,
+// is refused. A name that simply does not exist yet is fine.
+bool InitNameUsable(const std::string& logDir, const std::string& name) {
+  const std::string path = logDir + name;
+  if (path.empty()) return true;
+  const toviport::PathState state = toviport::CheckPath(path.c_str());
+  if (state == toviport::PathState::Exists) return true;
+  if (HoldsSeparator(name)) return false;
+  return state != toviport::PathState::TooLong;
+}
+}  // namespace
+
+bool ToviDebugMgr::Init(const std::string& strName, const std::string& strDebugCfgFile,
+                        const std::string& strLogPath, const std::string& strHeader,
+                        bool bIgnored, bool bTraceOff) {
+  (void)bIgnored;
+  ACE_Write_Guard<ACE_RW_Thread_Mutex> guard(m_RegistryLock);
+  if (!guard.locked()) return false;
+  if (m_bInit.load(std::memory_order_relaxed)) return true;
+
+  m_bTraceOff.store(bTraceOff, std::memory_order_release);
+  if (strName.empty()) return false;
+  m_strInitName = strName;
+
+  if (!strLogPath.empty()) toviport::MakeDir(strLogPath.c_str());
+  const std::string logDir = strLogPath.empty() ? ToviGetDefaultLogPath() : strLogPath;
+  if (!strDebugCfgFile.empty()) m_strDebugCfgFile = strDebugCfgFile;
+
+  int filt = 0;
+  int maxFiles = 0;
+  int fileSize = 0;
+  int zipNum = 0;
+  int zipInclude = 0;
+  std::map<std::string, std::pair<std::bitset<32>, std::bitset<32>>> modules;
+  GetCfgItem(strDebugCfgFile, filt, maxFiles, fileSize, zipNum, zipInclude, modules);
+
+  zipNum = Clamp(zipNum, kEachProcessMaxZipNum);
+  if (strName == "TOVIMrb_p2_") zipNum *= 5;
+  m_nFiltLogBufSize = Clamp(filt, kFiltLogBufSize);
+  m_nMaxFileNum = Clamp(maxFiles, kMaxFileNum);
+  m_nEachFileMaxSize = Clamp(fileSize, kEachFileMaxSize);
+  m_nEachProcessMaxZipNum = zipNum;
+  m_nZipFileIncludeFileNum = Clamp(zipInclude, kZipFileIncludeFileNum);
+
+  for (const auto& module : modules) {
+    RegSubModuleInfo_i(module.first, BoundMask(module.second.first),
+                       BoundMask(module.second.second), false);
+  }
+
+  if (bTraceOff) {
+    m_bInit.store(true, std::memory_order_release);
+    return true;
+  }
+  if (!InitNameUsable(logDir, strName)) return false;
+
+  ToviLogWriter* writer = new (std::nothrow)
+      ToviLogWriter(logDir, strName, strHeader, false, false,
+                    static_cast<unsigned>(m_nFiltLogBufSize),
+                    static_cast<unsigned>(m_nEachFileMaxSize), m_nEachProcessMaxZipNum);
+  if (writer == nullptr) return false;
+  {
+    ACE_Write_Guard<ACE_RW_Thread_Mutex> tableGuard(m_WriterTableLock);
+    if (!tableGuard.locked()) {
+      delete writer;
+      return false;
+    }
+    m_WriterTable[m_strInitName] = writer;
+  }
+  m_pMainWriter.store(writer, std::memory_order_release);
+  m_bInit.store(true, std::memory_order_release);
+  return true;
+}

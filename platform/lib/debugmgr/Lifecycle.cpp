@@ -1,0 +1,76 @@
+// Lifecycle.cpp - the manager singleton: creation, destruction and the two
+// small static services that the product's processes call through it.
+//
+// The singleton pointer is read without a lock on every Instance() call, so
+// it is published with a release store only after the manager is fully
+// built (double-checked creation).
+#include <ace/Guard_T.h>
+
+#include "ToviDebugEngine.h"
+#include "ToviDebugMgr.h"
+#include "debugmgr/SubModuleInfo.h"
+#include "logwriter/ToviLogWriter.h"
+#include "port/ToviPort.h"
+
+ToviDebugMgr::ToviDebugMgr()
+    : m_bInit(false),
+      m_nFiltLogBufSize(0),
+      m_nMaxFileNum(0),
+      m_nEachFileMaxSize(0),
+      m_nEachProcessMaxZipNum(0),
+      m_nZipFileIncludeFileNum(0),
+      m_bTraceOff(false),
+      m_pDebugEngine(nullptr),
+      m_pMainWriter(nullptr),
+      m_nDefLogLevel(LEVEL_INFO) {}
+
+ToviDebugMgr* ToviDebugMgr::Instance() {
+  ToviDebugMgr* manager = m_pInstance.load(std::memory_order_acquire);
+  if (manager != nullptr) return manager;
+
+  ACE_Guard<ACE_Recursive_Thread_Mutex> guard(m_InstanceLock);
+  if (!guard.locked()) return nullptr;
+  manager = m_pInstance.load(std::memory_order_relaxed);
+  if (manager == nullptr) {
+    manager = new (std::nothrow) ToviDebugMgr();
+    m_pInstance.store(manager, std::memory_order_release);
+  }
+  return manager;
+}
+
+void ToviDebugMgr::Destroy() {
+  ACE_Guard<ACE_Recursive_Thread_Mutex> guard(m_InstanceLock);
+  if (!guard.locked()) return;
+  ToviDebugMgr* manager = m_pInstance.load(std::memory_order_relaxed);
+  if (manager == nullptr) return;
+  delete manager;
+  m_pInstance.store(nullptr, std::memory_order_release);
+}
+
+ToviDebugMgr::~ToviDebugMgr() {
+  // Trace calls are refused from here on.
+  m_bInit.store(false, std::memory_order_release);
+
+  delete m_pDebugEngine.exchange(nullptr, std::memory_order_acq_rel);
+
+  {
+    // Deleting a writer writes out what was queued before the stop and
+    // waits for its thread.
+    ACE_Write_Guard<ACE_RW_Thread_Mutex> guard(m_WriterTableLock);
+    for (auto& entry : m_WriterTable) delete entry.second;
+    m_WriterTable.clear();
+    m_pMainWriter.store(nullptr, std::memory_order_release);
+  }
+
+  for (auto& entry : m_SubModuleMap) delete entry.second;
+  m_SubModuleMap.clear();
+}
+
+bool ToviDebugMgr::IsInit() const { return m_bInit.load(std::memory_order_acquire); }
+
+int ToviDebugMgr::system(const char* command) { return toviport::RunCommand(command); }
+
+int ToviDebugMgr::TOVIchown(const std::string& path) {
+  (void)path;
+  return 0;
+}

@@ -1,0 +1,107 @@
+// Registry.cpp - the sub-modules with their level and output masks.
+//
+// Lookups share the registry lock for reading, so trace calls of many
+// threads look up at once; every change holds it for writing. An entry, once
+// made, stays until the manager is destroyed.
+#include <ace/Guard_T.h>
+
+#include "ToviDebugMgr.h"
+#include "debugmgr/SubModuleInfo.h"
+
+namespace {
+const char kDefaultSubModule[] = "debug";
+
+bool ValidBit(int n) { return n >= 0 && n <= 31; }
+}  // namespace
+
+void ToviDebugMgr::SetDefLogLevel(ToviLogLevel level) { m_nDefLogLevel = level; }
+
+void ToviDebugMgr::SetDefSubModuleName(const std::string& name) { m_strDefSubModuleName = name; }
+
+bool ToviDebugMgr::RegSubModuleInfo(const std::string& name, const std::bitset<32>& level,
+                                    const std::bitset<32>& output, bool bUseDebugDefault) {
+  ACE_Write_Guard<ACE_RW_Thread_Mutex> guard(m_RegistryLock);
+  if (!guard.locked() || !m_bInit.load(std::memory_order_acquire)) return false;
+  return RegSubModuleInfo_i(name, level, output, bUseDebugDefault);
+}
+
+bool ToviDebugMgr::RegSubModuleInfo_i(const std::string& name, const std::bitset<32>& level,
+                                      const std::bitset<32>& output, bool bUseDebugDefault) {
+  if (name.empty()) return false;
+  auto found = m_SubModuleMap.find(name);
+  if (found != m_SubModuleMap.end()) {
+    found->second->SetLevelMask(level);
+    found->second->SetOutputMask(output);
+    return true;
+  }
+
+  std::bitset<32> newLevel = level;
+  std::bitset<32> newOutput = output;
+  if (bUseDebugDefault && !GetSubModuleInfo_i(kDefaultSubModule, newLevel, newOutput)) {
+    return false;
+  }
+  SubModuleInfo* entry = new (std::nothrow) SubModuleInfo(newLevel, newOutput);
+  if (entry == nullptr) return false;
+  m_SubModuleMap[name] = entry;
+  return true;
+}
+
+bool ToviDebugMgr::GetSubModuleInfo(const std::string& name, std::bitset<32>& level,
+                                    std::bitset<32>& output) {
+  ACE_Read_Guard<ACE_RW_Thread_Mutex> guard(m_RegistryLock);
+  if (!guard.locked()) return false;
+  return GetSubModuleInfo_i(name, level, output);
+}
+
+bool ToviDebugMgr::GetSubModuleInfo_i(const std::string& name, std::bitset<32>& level,
+                                      std::bitset<32>& output) {
+  auto found = m_SubModuleMap.find(name);
+  if (found == m_SubModuleMap.end()) return false;
+  level = found->second->m_LevelMask;
+  output = found->second->m_OutputMask;
+  return true;
+}
+
+bool ToviDebugMgr::SetLogLevel(const std::string& name, ToviLogLevel level, bool on) {
+  if (!ValidBit(level)) return false;
+  ACE_Write_Guard<ACE_RW_Thread_Mutex> guard(m_RegistryLock);
+  if (!guard.locked()) return false;
+  auto found = m_SubModuleMap.find(name.empty() ? std::string(kDefaultSubModule) : name);
+  if (found == m_SubModuleMap.end()) return false;
+  return found->second->SetLevelBit(static_cast<unsigned>(level), on);
+}
+
+bool ToviDebugMgr::SetLogOutput(const std::string& name, ToviOutputDirection direction, bool on) {
+  if (!ValidBit(direction)) return false;
+  ACE_Write_Guard<ACE_RW_Thread_Mutex> guard(m_RegistryLock);
+  if (!guard.locked()) return false;
+  auto found = m_SubModuleMap.find(name.empty() ? std::string(kDefaultSubModule) : name);
+  if (found == m_SubModuleMap.end()) return false;
+  return found->second->SetOutputBit(static_cast<unsigned>(direction), on);
+}
+
+bool ToviDebugMgr::GetAllModuleInfo(
+    std::map<std::string, std::pair<std::bitset<32>, std::bitset<32>>>& items) {
+  ACE_Read_Guard<ACE_RW_Thread_Mutex> guard(m_RegistryLock);
+  if (!guard.locked() || !m_bInit.load(std::memory_order_acquire)) return false;
+  for (const auto& entry : m_SubModuleMap) {
+    items[entry.first] = {entry.second->m_LevelMask, entry.second->m_OutputMask};
+  }
+  return true;
+}
+
+bool ToviDebugMgr::SetAllModuleInfo(const std::bitset<32>& level, const std::bitset<32>& output,
+                                    bool bUseDebugDefault) {
+  ACE_Write_Guard<ACE_RW_Thread_Mutex> guard(m_RegistryLock);
+  if (!guard.locked() || !m_bInit.load(std::memory_order_acquire)) return false;
+  std::bitset<32> newLevel = level;
+  std::bitset<32> newOutput = output;
+  if (bUseDebugDefault && !GetSubModuleInfo_i(kDefaultSubModule, newLevel, newOutput)) {
+    return false;
+  }
+  for (auto& entry : m_SubModuleMap) {
+    entry.second->SetLevelMask(newLevel);
+    entry.second->SetOutputMask(newOutput);
+  }
+  return true;
+}

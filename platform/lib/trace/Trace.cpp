@@ -1,0 +1,133 @@
+// Trace.cpp - the road of one trace call, from a product thread to a queued
+// record.
+//
+// The tests come in a fixed order: initialised, engine, trace-off, writer,
+// arguments. Then the sub-module's masks may widen (never narrow) the
+// caller's console and file demands, and the writer's AddLog builds and
+// queues the record. Nothing here touches a file or the console, and the
+// only locks are the registry's reader lock inside the lookups and, for a
+// new application name, the writer table's.
+#include <bitset>
+#include <cstdio>
+#include <new>
+#include <string>
+
+#include <ace/Guard_T.h>
+
+#include "ToviBaseUtil.h"
+#include "ToviDebugEngine.h"
+#include "ToviDebugMgr.h"
+#include "logwriter/ToviLogWriter.h"
+
+namespace {
+constexpr std::size_t kMaxAppName = 128;
+constexpr std::size_t kWriterNameBufSize = 512;
+
+bool ValidLevel(ToviLogLevel level) { return level >= 0 && level <= 31; }
+
+// Adds the outputs of the sub-module (or of "debug" when it is not
+// registered) to the caller's, when the sub-module logs this level.
+void WidenOutputs(ToviDebugMgr& manager, const std::string& subModule, ToviLogLevel level,
+                  bool& bPrint, bool& bLog) {
+  if (bPrint && bLog) return;
+  static const std::string kFallback("debug");
+  std::bitset<32> levels;
+  std::bitset<32> outputs;
+  if (!manager.GetSubModuleInfo(subModule, levels, outputs) &&
+      !manager.GetSubModuleInfo(kFallback, levels, outputs)) {
+    return;
+  }
+  if (!levels.test(static_cast<std::size_t>(level))) return;
+  bPrint = bPrint || outputs.test(OUTPUT_CONSOLE);
+  bLog = bLog || outputs.test(OUTPUT_FILE);
+}
+
+bool HoldsSeparator(const std::string& name) {
+  return name.find('/') != std::string::npos || name.find('\\') != std::string::npos;
+}
+}  // namespace
+
+bool ToviDebugMgr::Trace(const std::string& subModule, ToviLogLevel level, const char* text,
+                         const AsnType* asn, bool bPrint, bool bLog) {
+  if (!m_bInit.load(std::memory_order_acquire)) return false;
+  if (ToviDebugEngine* engine = m_pDebugEngine.load(std::memory_order_acquire)) {
+    return engine->Trace(subModule, level, text, asn, bPrint, bLog);
+  }
+  if (m_bTraceOff.load(std::memory_order_acquire)) return false;
+  ToviLogWriter* writer = m_pMainWriter.load(std::memory_order_acquire);
+  if (writer == nullptr) return false;
+  if (text == nullptr || !ValidLevel(level)) return false;
+
+  WidenOutputs(*this, subModule, level, bPrint, bLog);
+  return writer->AddLog(subModule, level, text, asn, bPrint, bLog);
+}
+
+bool ToviDebugMgr::AppTrace(const std::string& subModule, ToviLogLevel level, const char* text,
+                            const AsnType* asn, bool bPrint, bool bLog,
+                            const std::string& appName) {
+  if (!m_bInit.load(std::memory_order_acquire)) return false;
+  if (ToviDebugEngine* engine = m_pDebugEngine.load(std::memory_order_acquire)) {
+    return engine->AppTrace(subModule, level, text, asn, bPrint, bLog, appName);
+  }
+  if (m_bTraceOff.load(std::memory_order_acquire)) return false;
+  if (text == nullptr || !ValidLevel(level)) return false;
+  // An application name becomes part of file names in the log directory; a
+  // separator would let it place files elsewhere.
+  if (appName.size() > kMaxAppName || HoldsSeparator(appName)) return false;
+
+  std::string name = m_strInitName;
+  if (!appName.empty()) {
+    char buf[kWriterNameBufSize];
+    std::snprintf(buf, sizeof buf, "%s%s_", m_strInitName.c_str(), appName.c_str());
+    name = buf;
+  }
+
+  ToviLogWriter* writer = nullptr;
+  std::string logDir;
+  {
+    ACE_Read_Guard<ACE_RW_Thread_Mutex> guard(m_WriterTableLock);
+    if (!guard.locked()) return false;
+    // The bound is tested first, so a full table refuses known names too.
+    if (m_WriterTable.size() > static_cast<std::size_t>(m_nMaxFileNum)) return false;
+    auto found = m_WriterTable.find(name);
+    if (found != m_WriterTable.end()) {
+      writer = found->second;
+    } else {
+      auto main = m_WriterTable.find(m_strInitName);
+      logDir = main != m_WriterTable.end() ? main->second->GetLogPath() : ToviGetDefaultLogPath();
+    }
+  }
+
+  if (writer == nullptr) {
+    // Built without a lock held: starting a writer takes a moment.
+    ToviLogWriter* made = new (std::nothrow) ToviLogWriter(
+        logDir, name, subModule, false, false, static_cast<unsigned>(m_nFiltLogBufSize),
+        static_cast<unsigned>(m_nEachFileMaxSize), m_nEachProcessMaxZipNum);
+    if (made == nullptr) return false;
+    bool refused = false;
+    {
+      ACE_Write_Guard<ACE_RW_Thread_Mutex> guard(m_WriterTableLock);
+      if (!guard.locked()) {
+        refused = true;
+      } else {
+        // Another thread may have entered the same name meanwhile: exactly
+        // one writer per name, and the bound holds for the race as well.
+        auto found = m_WriterTable.find(name);
+        if (found != m_WriterTable.end()) {
+          writer = found->second;
+        } else if (m_WriterTable.size() > static_cast<std::size_t>(m_nMaxFileNum)) {
+          refused = true;
+        } else {
+          m_WriterTable[name] = made;
+          writer = made;
+          made = nullptr;
+        }
+      }
+    }
+    delete made;  // the loser's writer stops here, outside the lock
+    if (refused) return false;
+  }
+
+  WidenOutputs(*this, subModule, level, bPrint, bLog);
+  return writer->AddLog(subModule, level, text, asn, bPrint, bLog);
+}
