@@ -72,6 +72,7 @@ bool ToviLogWriter::CreateLogFile() {
   if (m_strFirstFile.empty()) m_strFirstFile = m_strPrefix + name;
 
   TOVIInsertBOM(*m_pFile);
+  m_nFileBytes = m_pFile->tellp();
   // The creation line carries the true time, even when the name had to move
   // on to a later second.
   char when[63];
@@ -104,9 +105,14 @@ bool ToviLogWriter::WriteString(const char* text) {
   std::size_t n = std::strlen(text);
   if (n > kMaxWrite) n = kMaxWrite;
   m_pFile->write(text, static_cast<std::streamsize>(n));
-  if (m_pFile->good()) return true;
+  if (m_pFile->good()) {
+    m_nFileBytes += static_cast<int64_t>(n);
+    return true;
+  }
   // A failed write (a full disk, say) must not silence every later one.
   m_pFile->clear();
+  const std::streamoff at = m_pFile->tellp();
+  if (at >= 0) m_nFileBytes = at;
   return false;
 }
 

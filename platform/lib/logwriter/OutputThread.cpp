@@ -42,7 +42,8 @@ ToviLogWriter::ToviLogWriter(const std::string& logPath, const std::string& pref
       m_nEachProcessMaxZipNum(nEachProcessMaxZipNum),
       m_bNoFile(false),
       m_nDroppedRecords(0),
-      m_nLastNameTime(0) {
+      m_nLastNameTime(0),
+      m_nFileBytes(0) {
   if (logPath.empty()) {
     m_strLogPath = ToviGetDefaultLogPath();
   } else {

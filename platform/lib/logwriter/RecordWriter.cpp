@@ -75,8 +75,7 @@ bool ToviLogWriter::WriteRecord(ToviLogRecord* record, bool fromDiscardQueue) {
       WriteString("\n");
     }
     m_pFile->flush();
-    const std::streamoff size = m_pFile->tellp();
-    if (size > static_cast<std::streamoff>(m_nEachFileMaxSize) && !RollOver()) return false;
+    if (m_nFileBytes > static_cast<int64_t>(m_nEachFileMaxSize) && !RollOver()) return false;
   }
   g_lastDay.store(day, std::memory_order_relaxed);
 

@@ -107,6 +107,9 @@ private:
   // The time that named the newest file of this writer, so that names never
   // repeat and keep ascending.
   int64_t m_nLastNameTime;
+  // Bytes in the current file, so that the size test after every record
+  // costs no system call.
+  int64_t m_nFileBytes;
 };
 
 #endif
