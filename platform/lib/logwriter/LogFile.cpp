@@ -5,11 +5,11 @@
 // another process with the same prefix, or by a compressed copy) moves on to
 // the next free second, and a writer's names only ascend. Files are created
 // exclusively, so an existing file is never truncated.
-#include <ace/OS_NS_stdio.h>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
 
+#include <ace/OS_NS_stdio.h>
 #include <ace/OS_NS_time.h>
 
 #include "ToviBaseUtil.h"

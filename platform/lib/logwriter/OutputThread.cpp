@@ -1,10 +1,9 @@
 // OutputThread.cpp - building a writer, starting its thread, and the thread
 // itself: the only code that consumes m_OutputQueue and, while it runs, the
 // only code that touches the writer's file.
-#include <ace/OS_NS_stdio.h>
 #include <cerrno>
-#include <cstdio>
 
+#include <ace/OS_NS_stdio.h>
 #include <ace/OS_NS_sys_time.h>
 #include <ace/Thread.h>
 #include <ace/Time_Value.h>

@@ -66,11 +66,12 @@ bool ToviLogWriter::PutRecord(ToviLogRecord* record) {
     delete record;
     return true;
   }
+  // The held-back store never makes a tracing thread wait.
+  ACE_Time_Value now_or_never = ACE_Time_Value::zero;
   if (m_DiscardQueue.message_count() >= m_nFiltLogBufSize) {
     // Another producer may have emptied the queue since the count; then
-    // there is nothing to drop, and nothing to wait for.
+    // there is nothing to drop.
     ACE_Message_Block* oldest = nullptr;
-    ACE_Time_Value now_or_never = ACE_Time_Value::zero;
     if (m_DiscardQueue.dequeue_head(oldest, &now_or_never) == -1) {
       if (errno != EWOULDBLOCK) {
         delete block;
@@ -81,7 +82,7 @@ bool ToviLogWriter::PutRecord(ToviLogRecord* record) {
       delete UnwrapRecord(oldest);
     }
   }
-  if (m_DiscardQueue.enqueue_tail(block) != -1) return true;
+  if (m_DiscardQueue.enqueue_tail(block, &now_or_never) != -1) return true;
   delete block;
   delete record;
   return false;

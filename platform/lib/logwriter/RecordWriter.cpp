@@ -5,7 +5,6 @@
 // that of the last record that any writer of the process handled; the marker
 // is shared by all writers and kept in one atomic.
 #include <atomic>
-#include <cstdio>
 #include <cstring>
 #include <string>
 

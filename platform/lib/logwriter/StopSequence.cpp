@@ -6,10 +6,8 @@
 // writer thread notices a stop within 100 ms whether or not the end marker
 // reached the queue, and a marker that finds no room on a writer that cannot
 // write is given up after about a second.
-#include <ace/OS_NS_stdio.h>
-#include <cstdio>
-
 #include <ace/ACE.h>
+#include <ace/OS_NS_stdio.h>
 
 #include "logwriter/RecordBlock.h"
 #include "logwriter/ToviLogRecord.h"
