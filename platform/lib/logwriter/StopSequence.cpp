@@ -30,6 +30,17 @@ void ToviLogWriter::ClearQueueAtStop(RecordQueue& queue, const char* failure) {
   }
 }
 
+// A thread that saw the stop flag on an empty queue ends without waiting for
+// the marker; the marker then stands alone at the head and is no record.
+void ToviLogWriter::DiscardUnusedEndMarker() {
+  ACE_Message_Block* head = nullptr;
+  ACE_Time_Value now_or_never = ACE_Time_Value::zero;
+  if (m_OutputQueue.peek_dequeue_head(head, &now_or_never) == -1 || head == nullptr) return;
+  const ToviLogRecord* record = reinterpret_cast<const ToviLogRecord*>(head->base());
+  if (record == nullptr || !record->IsEndMarker()) return;
+  if (m_OutputQueue.dequeue_head(head, &now_or_never) != -1) delete UnwrapRecord(head);
+}
+
 ToviLogWriter::~ToviLogWriter() {
   m_bStopRequested.store(true, std::memory_order_release);
   if (m_bStarted) {
@@ -41,6 +52,7 @@ ToviLogWriter::~ToviLogWriter() {
         delete marker;
       }
       while (!m_bThreadExited.load(std::memory_order_acquire)) toviport::SleepMs(kExitPollMs);
+      DiscardUnusedEndMarker();
 
       char stamp[512];
       char line[512];

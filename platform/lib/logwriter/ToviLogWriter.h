@@ -79,6 +79,7 @@ private:
   void ReportDroppedRecords();
   bool SleepUnlessStopped(unsigned milliseconds);
   void ClearQueueAtStop(RecordQueue& queue, const char* failure);
+  void DiscardUnusedEndMarker();
 
   std::atomic<bool> m_bThreadExited;
   std::atomic<bool> m_bStopRequested;
