@@ -13,6 +13,7 @@
 #include <string>
 
 #include <ace/Guard_T.h>
+#include <ace/Thread_Mutex.h>
 
 #include "ToviBaseUtil.h"
 #include "ToviDebugEngine.h"
@@ -41,6 +42,10 @@ void WidenOutputs(ToviDebugMgr& manager, const std::string& subModule, ToviLogLe
   bPrint = bPrint || outputs.test(OUTPUT_CONSOLE);
   bLog = bLog || outputs.test(OUTPUT_FILE);
 }
+
+// Serialises the creation of application writers (there is one manager per
+// process, so one lock serves).
+ACE_Thread_Mutex g_appWriterCreation;
 
 bool HoldsSeparator(const std::string& name) {
   return name.find('/') != std::string::npos || name.find('\\') != std::string::npos;
@@ -83,49 +88,47 @@ bool ToviDebugMgr::AppTrace(const std::string& subModule, ToviLogLevel level, co
   }
 
   ToviLogWriter* writer = nullptr;
-  std::string logDir;
   {
     ACE_Read_Guard<ACE_RW_Thread_Mutex> guard(m_WriterTableLock);
     if (!guard.locked()) return false;
     // The bound is tested first, so a full table refuses known names too.
     if (m_WriterTable.size() > static_cast<std::size_t>(m_nMaxFileNum)) return false;
     auto found = m_WriterTable.find(name);
-    if (found != m_WriterTable.end()) {
-      writer = found->second;
-    } else {
-      auto main = m_WriterTable.find(m_strInitName);
-      logDir = main != m_WriterTable.end() ? main->second->GetLogPath() : ToviGetDefaultLogPath();
-    }
+    if (found != m_WriterTable.end()) writer = found->second;
   }
 
   if (writer == nullptr) {
-    // Built without a lock held: starting a writer takes a moment.
-    ToviLogWriter* made = new (std::nothrow) ToviLogWriter(
-        logDir, name, subModule, false, false, static_cast<unsigned>(m_nFiltLogBufSize),
-        static_cast<unsigned>(m_nEachFileMaxSize), m_nEachProcessMaxZipNum);
-    if (made == nullptr) return false;
-    bool refused = false;
+    // One creator at a time: a writer that starts and is then thrown away
+    // would already have archived the winner's open file of the same name.
+    // The table lock itself is not held while the writer starts, so calls
+    // for existing names never wait for a creation.
+    ACE_Guard<ACE_Thread_Mutex> creating(g_appWriterCreation);
+    if (!creating.locked()) return false;
+    std::string logDir;
     {
-      ACE_Write_Guard<ACE_RW_Thread_Mutex> guard(m_WriterTableLock);
-      if (!guard.locked()) {
-        refused = true;
+      ACE_Read_Guard<ACE_RW_Thread_Mutex> guard(m_WriterTableLock);
+      if (!guard.locked()) return false;
+      auto found = m_WriterTable.find(name);
+      if (found != m_WriterTable.end()) {
+        writer = found->second;
       } else {
-        // Another thread may have entered the same name meanwhile: exactly
-        // one writer per name, and the bound holds for the race as well.
-        auto found = m_WriterTable.find(name);
-        if (found != m_WriterTable.end()) {
-          writer = found->second;
-        } else if (m_WriterTable.size() > static_cast<std::size_t>(m_nMaxFileNum)) {
-          refused = true;
-        } else {
-          m_WriterTable[name] = made;
-          writer = made;
-          made = nullptr;
-        }
+        auto main = m_WriterTable.find(m_strInitName);
+        logDir = main != m_WriterTable.end() ? main->second->GetLogPath() : ToviGetDefaultLogPath();
       }
     }
-    delete made;  // the loser's writer stops here, outside the lock
-    if (refused) return false;
+    if (writer == nullptr) {
+      writer = new (std::nothrow) ToviLogWriter(
+          logDir, name, subModule, false, false, static_cast<unsigned>(m_nFiltLogBufSize),
+          static_cast<unsigned>(m_nEachFileMaxSize), m_nEachProcessMaxZipNum);
+      if (writer == nullptr) return false;
+      ACE_Write_Guard<ACE_RW_Thread_Mutex> guard(m_WriterTableLock);
+      // The bound holds for names created meanwhile as well.
+      if (!guard.locked() || m_WriterTable.size() > static_cast<std::size_t>(m_nMaxFileNum)) {
+        delete writer;
+        return false;
+      }
+      m_WriterTable[name] = writer;
+    }
   }
 
   WidenOutputs(*this, subModule, level, bPrint, bLog);
