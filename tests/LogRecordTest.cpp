@@ -164,17 +164,3 @@ TEST(LogRecord, AssertionBringsOutTheHeldBackRecords) {
   }
   EXPECT_EQ(RecordTexts(OnlyLogFile(none.path())), std::vector<std::string>{"M ASSERT: boom"});
 }
-
-TEST(LogRecord, WriterWideSwitchesForceOutputs) {
-  TempDir dir;
-  StdoutCapture out;
-  {
-    ToviLogWriter writer(dir.path(), "all", "", true, true, 10, 1048576, 10);
-    ASSERT_TRUE(writer.AddLog("M", LEVEL_WARN, "forced", nullptr, false, false));
-    EXPECT_EQ(writer.DiscardQueueCount(), 0u);
-  }
-  const std::string printed = out.Text();
-  out.Restore();
-  EXPECT_EQ(RecordTexts(OnlyLogFile(dir.path())), std::vector<std::string>{"M WARN: forced"});
-  EXPECT_EQ(RecordTexts(printed), std::vector<std::string>{"M WARN: forced"});
-}
