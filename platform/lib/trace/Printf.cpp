@@ -12,46 +12,42 @@
 namespace {
 constexpr std::size_t kFormatBufSize = 2048;
 
-// Formats into buf; true when the text has 1 to 2047 characters.
-bool FormatMessage(char (&buf)[kFormatBufSize], const char* format, va_list args) {
-  buf[0] = '\0';
+// Formats into a stack buffer and traces the text with no demands of its
+// own; false, with nothing traced, when the text is empty, does not fit in
+// 2047 characters or cannot be formatted.
+bool TraceFormatted(ToviDebugMgr& manager, const std::string& subModule, ToviLogLevel level,
+                    const char* format, va_list args) {
+  char text[kFormatBufSize];
   if (format == nullptr) return false;
-  const int n = toviport::VFormat(buf, sizeof buf, format, args);
-  return n >= 1 && static_cast<std::size_t>(n) < kFormatBufSize;
+  const int n = toviport::VFormat(text, sizeof text, format, args);
+  if (n < 1 || static_cast<std::size_t>(n) >= kFormatBufSize) return false;
+  manager.Trace(subModule, level, text, nullptr, false, false);
+  return true;
 }
 }  // namespace
 
 void ToviDebugMgr::Printf(ToviLogLevel level, const char* format, ...) {
   if (!IsInit()) return;
-  char text[kFormatBufSize];
   va_list args;
   va_start(args, format);
-  const bool formatted = FormatMessage(text, format, args);
+  const bool traced = TraceFormatted(*this, m_strDefSubModuleName, level, format, args);
   va_end(args);
-  if (formatted) {
-    Trace(m_strDefSubModuleName, level, text, nullptr, false, false);
-    return;
-  }
-  toviport::ConsolePrintf("Printf, vsnprintf failed. errno:%d\n", errno);
+  if (!traced) toviport::ConsolePrintf("Printf, vsnprintf failed. errno:%d\n", errno);
 }
 
 void ToviDebugMgr::Printf(ToviLogLevel level, const ToviInterString& subModule,
                           const char* format, ...) {
   if (!IsInit()) return;
-  char text[kFormatBufSize];
   va_list args;
   va_start(args, format);
-  const bool formatted = FormatMessage(text, format, args);
+  TraceFormatted(*this, subModule.str(), level, format, args);
   va_end(args);
-  if (formatted) Trace(subModule.str(), level, text, nullptr, false, false);
 }
 
 void ToviDebugMgr::Printf(const char* format, ...) {
   if (!IsInit()) return;
-  char text[kFormatBufSize];
   va_list args;
   va_start(args, format);
-  const bool formatted = FormatMessage(text, format, args);
+  TraceFormatted(*this, m_strDefSubModuleName, m_nDefLogLevel, format, args);
   va_end(args);
-  if (formatted) Trace(m_strDefSubModuleName, m_nDefLogLevel, text, nullptr, false, false);
 }
