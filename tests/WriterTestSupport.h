@@ -40,6 +40,16 @@ inline bool EndsWith(const std::string& s, const std::string& suffix) {
   return s.size() >= suffix.size() && s.compare(s.size() - suffix.size(), suffix.size(), suffix) == 0;
 }
 
+// How many times needle occurs in text, without overlaps.
+inline std::size_t Occurrences(const std::string& text, const std::string& needle) {
+  std::size_t n = 0;
+  for (std::size_t at = text.find(needle); at != std::string::npos;
+       at = text.find(needle, at + needle.size())) {
+    ++n;
+  }
+  return n;
+}
+
 // The decompressed content of a gzip file; "<unreadable>" when zlib cannot
 // open it.
 inline std::string ReadGz(const std::string& path) {
