@@ -14,34 +14,28 @@
 
 using tovitest::TempDir;
 using tovitest::WriteFile;
+using Items = std::map<std::string, std::string>;
 
 namespace {
-
-std::string Trimmed(const char* text) {
-  std::vector<char> buf(text, text + std::strlen(text) + 1);
-  ToviStrTrim(buf.data());
-  return std::string(buf.data());
+// The value for key, or "<none>"; the buffer lives on the heap so that a
+// missing terminator or an overrun shows under ASan.
+std::string Lookup(const std::string& file, const char* key) {
+  std::vector<char> buf(2048, '\x7f');
+  int len = static_cast<int>(buf.size());
+  return ToviGetCfgString(key, buf.data(), len, file.c_str()) ? std::string(buf.data()) : "<none>";
 }
-
-// Looks a key up with a caller buffer of the given size; returns the value
-// or "<none>", and the length reported through len.
-std::string Lookup(const std::string& file, const char* key, int size = 2048, int* lenOut = nullptr) {
-  std::vector<char> buf(static_cast<std::size_t>(size > 0 ? size : 1), '\x7f');
-  buf.back() = '\0';
-  int len = size;
-  const bool found = ToviGetCfgString(key, buf.data(), len, file.c_str());
-  if (lenOut != nullptr) *lenOut = len;
-  return found ? std::string(buf.data()) : std::string("<none>");
-}
-
 }  // namespace
 
 TEST(Trim, BlanksAreSpaceAndTabOnly) {
   const std::pair<const char*, const char*> trims[] = {
       {"   ", ""}, {"\tab x ", "ab x"}, {"ab\r", "ab\r"}, {"", ""}, {" \t x\ty \t ", "x\ty"}};
-  for (const auto& t : trims) EXPECT_EQ(Trimmed(t.first), t.second) << t.first;
+  for (const auto& t : trims) {
+    // Exactly sized, so that a step before the start or past the end shows.
+    std::vector<char> buf(t.first, t.first + std::strlen(t.first) + 1);
+    ToviStrTrim(buf.data());
+    EXPECT_STREQ(buf.data(), t.second) << t.first;
+  }
   ToviStrTrim(nullptr);
-
   EXPECT_EQ(TrimString(" \t\r\n", " \t\r\n"), "");
   EXPECT_EQ(TrimString("ab", ""), "ab");
   EXPECT_EQ(TrimString(" ab ", nullptr), " ab ");
@@ -74,22 +68,9 @@ TEST(CfgLookup, FollowsTheLineRules) {
   TempDir dir;
   const std::string file = dir / "tovi.cfg";
   WriteFile(file,
-            "  # c=1\n"
-            "note=1 # note\n"
-            "k=v=w\n"
-            " key 1 =  value with blanks  \r\n"
-            "dup=1\n"
-            "dup=2\n"
-            "\n"
-            "   \t \n"
-            "ten=0123456789\n"
-            "key=1\n"
-            "n=12abc\n"
-            "na=abc\n"
-            "neg=-42\n"
-            "huge=99999999999\n"
-            "lone=a\rb\n"
-            "last=end");
+            "  # c=1\nnote=1 # note\nk=v=w\n key 1 =  value with blanks  \r\n"
+            "dup=1\ndup=2\n\n   \t \nten=0123456789\nkey=1\n"
+            "n=12abc\nna=abc\nneg=-42\nhuge=99999999999\nlone=a\rb\nlast=end");
 
   // Comments, trailing text, "=" in values, blanks, CR LF, duplicates, a
   // lone CR, a last line without LF; keys match exactly and untrimmed.
@@ -101,36 +82,32 @@ TEST(CfgLookup, FollowsTheLineRules) {
 
   // The caller's buffer must hold the value and its NUL; a failed lookup
   // reports length 0 and leaves the buffer untouched.
-  int len = 10;
   char small[10] = {'Z'};
-  EXPECT_FALSE(ToviGetCfgString("ten", small, len, file.c_str()));
-  EXPECT_EQ(len, 0);
-  EXPECT_EQ(small[0], 'Z');
-  EXPECT_EQ(Lookup(file, "ten", 11, &len), "0123456789");
+  auto refused = [&](const char* key, char* buf, int len, const char* path) {
+    return !ToviGetCfgString(key, buf, len, path) && len == 0 && small[0] == 'Z';
+  };
+  EXPECT_TRUE(refused("ten", small, 10, file.c_str()));
+  EXPECT_TRUE(refused("ten", small, -5, file.c_str()));
+  EXPECT_TRUE(refused(nullptr, small, 10, file.c_str()));
+  EXPECT_TRUE(refused("k", nullptr, 10, file.c_str()));
+  EXPECT_TRUE(refused("k", small, 10, nullptr));
+  EXPECT_TRUE(refused("k", small, 10, (dir / "absent.cfg").c_str()));
+  std::vector<char> eleven(11);
+  int len = 11;
+  EXPECT_TRUE(ToviGetCfgString("ten", eleven.data(), len, file.c_str()));
+  EXPECT_STREQ(eleven.data(), "0123456789");
   EXPECT_EQ(len, 10);
-  len = -5;
-  EXPECT_FALSE(ToviGetCfgString("ten", small, len, file.c_str()));
-  EXPECT_EQ(len, 0);
-  const std::string absent = dir / "absent.cfg";
-  const bool refused[] = {ToviGetCfgString(nullptr, small, len = 10, file.c_str()),
-                          ToviGetCfgString("k", nullptr, len = 10, file.c_str()),
-                          ToviGetCfgString("k", small, len = 10, nullptr),
-                          ToviGetCfgString("k", small, len = 10, absent.c_str())};
-  for (bool r : refused) EXPECT_FALSE(r);
-  EXPECT_EQ(len, 0);
-  EXPECT_EQ(small[0], 'Z');
 
-  const std::pair<const char*, int> numbers[] = {{"n", 12}, {"na", 0}, {"neg", -42},
-                                                 {"huge", 2147483647}};
-  for (const auto& e : numbers) {
-    int n = 7;
-    EXPECT_TRUE(ToviGetCfgInt(e.first, n, file.c_str()));
-    EXPECT_EQ(n, e.second) << e.first;
-  }
+  // A failed conversion is 0, an overflow saturates, a missing key or file
+  // leaves the caller's value alone.
   int n = 7;
   EXPECT_FALSE(ToviGetCfgInt("missing", n, file.c_str()));
   EXPECT_FALSE(ToviGetCfgInt("k", n, nullptr));
   EXPECT_EQ(n, 7);
+  const std::pair<const char*, int> numbers[] = {
+      {"n", 12}, {"na", 0}, {"neg", -42}, {"huge", 2147483647}};
+  for (const auto& [key, value] : numbers)
+    EXPECT_TRUE(ToviGetCfgInt(key, n = 7, file.c_str()) && n == value) << key << " gave " << n;
 }
 
 TEST(CfgLookup, OverlongLineEndsTheFile) {
@@ -143,45 +120,35 @@ TEST(CfgLookup, OverlongLineEndsTheFile) {
   EXPECT_EQ(Lookup(cut, "after"), "<none>");
 
   // Exactly 2047 characters followed by CR LF is a whole line.
-  const std::string fits = dir / "fits.cfg";
-  WriteFile(fits, std::string(2040, ' ') + "k2=abcd\r\nnext=1\n");
-  EXPECT_EQ(Lookup(fits, "k2"), "abcd");
-  EXPECT_EQ(Lookup(fits, "next"), "1");
+  WriteFile(dir / "fits.cfg", std::string(2040, ' ') + "k2=abcd\r\nnext=1\n");
+  EXPECT_EQ(Lookup(dir / "fits.cfg", "k2"), "abcd");
+  EXPECT_EQ(Lookup(dir / "fits.cfg", "next"), "1");
 
   // The loader stops at the same place and still reports success.
-  std::map<std::string, std::string> items;
+  Items items;
   EXPECT_TRUE(LoadCfgFileToMap(items, cut, ""));
-  EXPECT_EQ(items, (std::map<std::string, std::string>{{"k", "abcde"}}));
+  EXPECT_EQ(items, (Items{{"k", "abcde"}}));
 }
 
 TEST(CfgLookup, HostileFilesAreReadSafely) {
   TempDir dir;
-  std::map<std::string, std::string> items;
-  items["kept"] = "x";
-
+  Items items{{"kept", "x"}};
   // A directory in place of the file cannot be opened.
-  int len = 32;
-  char buf[32] = "untouched";
-  EXPECT_FALSE(ToviGetCfgString("k", buf, len, dir.path().c_str()));
-  EXPECT_EQ(len, 0);
+  EXPECT_EQ(Lookup(dir.path(), "k"), "<none>");
   EXPECT_FALSE(LoadCfgFileToMap(items, dir.path(), ""));
   EXPECT_FALSE(LoadCfgFileToMap(items, dir / "absent.cfg", ""));
 
   // NUL bytes end a line's text where they stand, and the next line is read.
-  const std::string nul = dir / "nul.cfg";
-  WriteFile(nul, std::string("a\0b=1\nx=2\0junk\ny=\0\n", 20));
-  EXPECT_EQ(Lookup(nul, "x"), "2");
-  EXPECT_EQ(Lookup(nul, "y"), "");
-  EXPECT_EQ(Lookup(nul, "a"), "<none>");
+  WriteFile(dir / "nul.cfg", std::string("a\0b=1\nx=2\0junk\ny=\0\n", 20));
+  EXPECT_EQ(Lookup(dir / "nul.cfg", "x"), "2");
+  EXPECT_EQ(Lookup(dir / "nul.cfg", "y"), "");
+  EXPECT_EQ(Lookup(dir / "nul.cfg", "a"), "<none>");
 
   // Random bytes in short lines, then an item: every line is read safely
   // and the item after the garbage is still found.
   std::mt19937 rng(42);
   std::string garbage;
-  for (int i = 0; i < 5000; ++i) {
-    garbage.push_back(static_cast<char>(rng() & 0xff));
-    if (i % 50 == 0) garbage.push_back('\n');
-  }
+  for (int i = 1; i <= 5000; ++i) garbage += i % 50 == 0 ? '\n' : static_cast<char>(rng());
   WriteFile(dir / "short.cfg", garbage + "\nzz=9\n");
   EXPECT_EQ(Lookup(dir / "short.cfg", "zz"), "9");
   EXPECT_TRUE(LoadCfgFileToMap(items, dir / "short.cfg", "_level"));
@@ -195,33 +162,23 @@ TEST(CfgLookup, HostileFilesAreReadSafely) {
 TEST(CfgLoader, KeepsTheLastAndCutsAtTheKeyPart) {
   TempDir dir;
   const std::string file = dir / "debug.cfg";
+  // The line is trimmed, but the blank before the key part in " x _level" stays.
   WriteFile(file,
-            "  MRB_level = 1100 \n"
-            "debug_level=1100\n"
-            "MRB_output=0100\n"
-            "_level=1\n"
-            " x _level=01\n"  // the line is trimmed, the blank before the key part stays
-            "a_level_level=0\n"
-            "dup_level=1\n"
-            "dup_level=2\n"
-            "# skipped_level=1\n"
-            "plain=3\n");
+            "  MRB_level = 1100 \ndebug_level=1100\nMRB_output=0100\n_level=1\n x _level=01\n"
+            "a_level_level=0\ndup_level=1\ndup_level=2\n# skipped_level=1\nplain=3\n");
 
-  std::map<std::string, std::string> items{{"untouched", "u"}, {"MRB", "old"}};
+  Items items{{"untouched", "u"}, {"MRB", "old"}};
   ASSERT_TRUE(LoadCfgFileToMap(items, file, "_level"));
-  const std::map<std::string, std::string> expected{
-      {"untouched", "u"}, {"MRB", "1100"}, {"debug", "1100"}, {"", "1"},
-      {"x ", "01"},       {"a", "0"},      {"dup", "2"}};
-  EXPECT_EQ(items, expected);
+  EXPECT_EQ(items, (Items{{"untouched", "u"}, {"MRB", "1100"}, {"debug", "1100"}, {"", "1"},
+                          {"x ", "01"}, {"a", "0"}, {"dup", "2"}}));
 
-  std::map<std::string, std::string> all;
+  Items all;
   ASSERT_TRUE(LoadCfgFileToMap(all, file, ""));
-  EXPECT_EQ(all.size(), 8u);
-  EXPECT_EQ(all["dup_level"], "2");
-  EXPECT_EQ(all["MRB_output"], "0100");
-  EXPECT_EQ(all.count("# skipped_level"), 0u);
+  EXPECT_EQ(all, (Items{{"MRB_level", "1100"}, {"debug_level", "1100"}, {"MRB_output", "0100"},
+                        {"_level", "1"}, {"x _level", "01"}, {"a_level_level", "0"},
+                        {"dup_level", "2"}, {"plain", "3"}}));
 
-  std::map<std::string, std::string> none{{"k", "v"}};
+  Items none{{"k", "v"}};
   EXPECT_TRUE(LoadCfgFileToMap(none, "", "_level"));
-  EXPECT_EQ(none, (std::map<std::string, std::string>{{"k", "v"}}));
+  EXPECT_EQ(none, (Items{{"k", "v"}}));
 }

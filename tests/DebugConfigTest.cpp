@@ -3,7 +3,6 @@
 // writers receive.
 #include <gtest/gtest.h>
 
-#include <bitset>
 #include <cstdio>
 #include <map>
 
@@ -14,34 +13,15 @@ using namespace tovitest;
 
 namespace {
 
-typedef std::bitset<32> Mask;
-typedef std::pair<Mask, Mask> Masks;
+typedef std::pair<std::bitset<32>, std::bitset<32>> Masks;
 typedef std::map<std::string, Masks> ModuleMap;
 
-// A mask from the numbers of its set bits, so that no test has to think
-// about which end of a string std::bitset counts from.
-Mask Bits(std::initializer_list<int> bits) {
-  Mask mask;
-  for (int bit : bits) mask.set(static_cast<std::size_t>(bit));
-  return mask;
-}
-
-// Every case leaves the process without a manager.
-struct ManagerGuard {
-  ~ManagerGuard() { ToviDebugMgr::Destroy(); }
-};
-
-// An installation root of its own, holding the default debug file and the
-// product file when the case gives them.
-struct Installation {
-  TempDir root;
-  ScopedEnv env{"TOVI_ROOT", root.path().c_str()};
-  Installation(const std::string& debugFile, const std::string& productFile) {
-    std::filesystem::create_directories(Conf());
-    if (!debugFile.empty()) WriteFile(Conf() + "default_debug.cfg", debugFile);
-    if (!productFile.empty()) WriteFile(Conf() + "tovi.cfg", productFile);
-  }
-  std::string Conf() const { return root / "etc/conf/"; }
+// The files of a case and a log directory; every case leaves the process
+// without a manager.
+struct Installation : ScopedRoot {
+  using ScopedRoot::ScopedRoot;
+  ~Installation() { ToviDebugMgr::Destroy(); }
+  TempDir logs;
 };
 
 // The registry after a trace-off Init, which reads the configuration and
@@ -49,12 +29,10 @@ struct Installation {
 ModuleMap Registry(const std::string& debugFile, const std::string& productFile,
                    const std::string& given = "") {
   Installation inst(debugFile, productFile);
-  TempDir logs;
-  ManagerGuard guard;
   ToviDebugMgr* mgr = ToviDebugMgr::Instance();
   ModuleMap modules;
-  const std::string path = given.empty() ? "" : inst.Conf() + given;
-  if (mgr->Init("cfg_", path, logs.path(), "", false, true)) mgr->GetAllModuleInfo(modules);
+  const std::string path = given.empty() ? "" : inst.Conf(given);
+  if (mgr->Init("cfg_", path, inst.logs.path(), "", false, true)) mgr->GetAllModuleInfo(modules);
   return modules;
 }
 
@@ -65,15 +43,13 @@ void CheckLimits(const std::string& debugFile, const std::string& productFile,
                  const std::string& initName, int appWriters, int held, int archives) {
   SCOPED_TRACE(initName);
   Installation inst(debugFile, productFile);
-  TempDir logs;
-  ManagerGuard guard;
   for (int i = 0; i < 60; ++i) {
     char stamp[32];
     std::snprintf(stamp, sizeof stamp, "20010101_0000%02d.log.gz", i);
-    WriteFile(logs.path() + initName + stamp, "old");
+    WriteFile(inst.logs / (initName + stamp), "old");
   }
   ToviDebugMgr* mgr = ToviDebugMgr::Instance();
-  ASSERT_TRUE(mgr->Init(initName, "", logs.path(), "", false, false));
+  ASSERT_TRUE(mgr->Init(initName, "", inst.logs.path(), "", false, false));
   for (int i = 0; i <= appWriters; ++i)
     EXPECT_EQ(mgr->AppTrace("debug", LEVEL_INFO, "x", nullptr, false, false, std::to_string(i)),
               i < appWriters);
@@ -88,8 +64,8 @@ void CheckLimits(const std::string& debugFile, const std::string& productFile,
   quiet.Restore();
   std::string text;
   int kept = 0;
-  for (const std::string& name : ListDir(logs.path())) {
-    if (EndsWith(name, ".log")) text += ReadFile(logs / name);
+  for (const std::string& name : ListDir(inst.logs.path())) {
+    if (EndsWith(name, ".log")) text += ReadFile(inst.logs / name);
     kept += EndsWith(name, ".log.gz") ? 1 : 0;
   }
   EXPECT_EQ(kept, archives);

@@ -5,14 +5,10 @@
 
 #include <cctype>
 #include <ctime>
-#include <filesystem>
 #include <map>
 #include <memory>
-#include <string>
 #include <utility>
-#include <vector>
 
-#include "TestSupport.h"
 #include "WriterTestSupport.h"
 #include "logwriter/ToviLogWriter.h"
 
@@ -20,10 +16,6 @@ namespace fs = std::filesystem;
 using namespace tovitest;
 
 namespace {
-
-constexpr unsigned kLargeFile = 1u << 20;
-// Every record with file output rolls the file over.
-constexpr unsigned kRollEveryRecord = 1;
 
 // The name that the writer with prefix "app_" gives a file made at second t.
 std::string LogName(std::time_t t) {
@@ -41,9 +33,8 @@ std::vector<std::string> Logs(const std::string& dir, const std::string& prefix,
   std::vector<std::string> out;
   for (const std::string& name : ListDir(dir)) {
     if (name.size() == prefix.size() + 15 + ending.size() && name.rfind(prefix, 0) == 0 &&
-        EndsWith(name, ending) && fs::is_regular_file(dir + name)) {
+        EndsWith(name, ending) && fs::is_regular_file(dir + name))
       out.push_back(name);
-    }
   }
   return out;
 }
@@ -59,21 +50,21 @@ std::map<std::string, std::string> Snapshot(const std::string& dir) {
   return out;
 }
 
-std::unique_ptr<ToviLogWriter> StartWriter(const std::string& dir, const std::string& prefix,
-                                           unsigned maxFileSize, int maxZip) {
-  return std::make_unique<ToviLogWriter>(dir, prefix, "", false, false, 100, maxFileSize, maxZip);
-}
-
 // Waits for the writer's plain log file that sorts after `after`; empty when
 // none shows up.
 std::string WaitForLogAfter(const std::string& dir, const std::string& prefix,
                             const std::string& after) {
   std::vector<std::string> logs;
-  const bool seen = WaitUntil([&] {
-    logs = Logs(dir, prefix, ".log");
-    return !logs.empty() && logs.back() > after;
-  });
-  return seen ? logs.back() : "";
+  WaitUntil([&] { return !(logs = Logs(dir, prefix, ".log")).empty() && logs.back() > after; });
+  return !logs.empty() && logs.back() > after ? logs.back() : "";
+}
+
+// Runs a writer with prefix "app_" in dir until its own plain log file, the
+// first that sorts after `after`, shows up; returns that file's name, empty
+// when none does.
+std::string RunWriter(const std::string& dir, const std::string& after) {
+  ToviLogWriter writer(dir, "app_", "", false, false, 100, 1u << 20, 10);
+  return WaitForLogAfter(dir, "app_", after);
 }
 
 // Log-like bytes that a text-mode reader or a sloppy copy would mangle.
@@ -102,16 +93,12 @@ TEST(LogArchive, StartCompressesTheNewestTrimsTheOldestAndTouchesNothingElse) {
   WriteFile(dir / "app_20240101_000000.log", OddBytes("older"));
   WriteFile(dir / "app_20240102_000000.log", newer);
   std::vector<std::string> gz;
-  for (int year = 10; year <= 21; ++year) {
-    gz.push_back("app_20" + std::to_string(year) + "0101_000000.log.gz");
-    WriteGz(dir / gz.back(), gz.back());
-  }
+  for (int y = 2010; y < 2022; ++y) gz.push_back("app_" + std::to_string(y) + "0101_000000.log.gz");
+  for (const std::string& name : gz) WriteGz(dir / name, name);
   std::map<std::string, std::string> expected = Snapshot(dir.path());
 
-  auto writer = StartWriter(dir.path(), "app_", kLargeFile, 10);
-  const std::string own = WaitForLogAfter(dir.path(), "app_", "app_20240102_000000.log");
+  const std::string own = RunWriter(dir.path(), "app_20240102_000000.log");
   ASSERT_FALSE(own.empty());
-  writer.reset();
 
   // Of thirteen compressed files the three oldest went. The run's own file
   // stays plain: nothing is compressed at stop.
@@ -129,10 +116,8 @@ TEST(LogArchive, FailedCompressionLeavesThePlainLogAndNoTarget) {
   WriteFile(dir / "app_20240102_000000.log", OddBytes("kept"));
   fs::create_directory(dir / "app_20240102_000000.log.gz");
   const std::map<std::string, std::string> before = Snapshot(dir.path());
-  auto writer = StartWriter(dir.path(), "app_", kLargeFile, 10);
-  const std::string own = WaitForLogAfter(dir.path(), "app_", "app_20240102_000000.log");
+  const std::string own = RunWriter(dir.path(), "app_20240102_000000.log");
   ASSERT_FALSE(own.empty());
-  writer.reset();
   std::map<std::string, std::string> after = Snapshot(dir.path());
   EXPECT_EQ(after.erase(own), 1u);
   EXPECT_EQ(after, before);
@@ -167,11 +152,7 @@ TEST(LogArchive, FirstFileOfTheRunIsSparedAndCountsTowardTheLimit) {
   // roll-overs: "f" and "s" stand for the copies of this run's first and
   // second files, a digit for one of ten files of an earlier run dated ahead
   // of this one, so that this run's first copy is the oldest.
-  struct Case {
-    std::string prefix;
-    int limit;
-    std::vector<std::string> steps;
-  };
+  struct Case { std::string prefix; int limit; std::vector<std::string> steps; };
   const std::vector<Case> cases = {
       {"app_", 10, {"0123456789", "f123456789", "f123456789"}},
       // A key cut at the first "." would match every file and spare them all.
@@ -188,7 +169,9 @@ TEST(LogArchive, FirstFileOfTheRunIsSparedAndCountsTowardTheLimit) {
       earlier.push_back(c.prefix + "20990101_00000" + std::to_string(i) + ".log.gz");
       WriteGz(dir / earlier.back(), earlier.back());
     }
-    auto writer = StartWriter(dir.path(), c.prefix, kRollEveryRecord, c.limit);
+    // Every record with file output rolls the file over.
+    auto writer =
+        std::make_unique<ToviLogWriter>(dir.path(), c.prefix, "", false, false, 100, 1, c.limit);
     std::vector<std::string> plain{""};
     for (std::size_t step = 0; step < c.steps.size(); ++step) {
       if (step > 0) {
@@ -219,10 +202,8 @@ TEST(LogArchive, NamesAreNeverReused) {
   WriteGz(dir / (LogName(now + 4) + ".gz"), "taken by a compressed file");
   std::map<std::string, std::string> before = Snapshot(dir.path());
 
-  auto writer = StartWriter(dir.path(), "app_", kLargeFile, 10);
-  const std::string own = WaitForLogAfter(dir.path(), "app_", LogName(now + 4));
+  const std::string own = RunWriter(dir.path(), LogName(now + 4));
   ASSERT_FALSE(own.empty());
-  writer.reset();
 
   std::map<std::string, std::string> after = Snapshot(dir.path());
   EXPECT_EQ("file:" + ReadGz(dir / (lastPlain + ".gz")), before[lastPlain]);
@@ -230,15 +211,4 @@ TEST(LogArchive, NamesAreNeverReused) {
   after.erase(lastPlain + ".gz");
   EXPECT_EQ(after.erase(own), 1u);
   EXPECT_EQ(after, before);
-}
-
-TEST(LogArchive, MissingLogDirectoryIsCreated) {
-  TempDir dir;
-  auto writer = StartWriter(dir / "logs/", "app_", kLargeFile, 10);
-  ASSERT_TRUE(writer->AddLog("sub", LEVEL_INFO, "record #1#", nullptr, false, true));
-  writer.reset();
-  const std::vector<std::string> own = Logs(dir / "logs/", "app_", ".log");
-  ASSERT_EQ(own.size(), 1u);
-  EXPECT_EQ(ListDir(dir / "logs"), own);
-  EXPECT_EQ(Occurrences(ReadFile(dir / "logs/" + own[0]), "record #1#"), 1u);
 }

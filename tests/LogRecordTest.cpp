@@ -3,10 +3,10 @@
 // brings out.
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <memory>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "WriterTestSupport.h"
@@ -15,69 +15,32 @@
 
 using namespace tovitest;
 
-namespace {
-
-// The single plain log file of a stopped writer.
-std::string OnlyLogFile(const std::string& dir) {
-  std::vector<std::string> logs;
-  for (const auto& name : ListDir(dir)) {
-    if (EndsWith(name, ".log")) logs.push_back(name);
-  }
-  return logs.size() == 1 ? ReadFile(dir + logs[0]) : "<" + std::to_string(logs.size()) + " files>";
-}
-
-// The record texts of a log (what follows "<time>.T<tid> "), in order.
-std::vector<std::string> RecordTexts(const std::string& log) {
-  std::vector<std::string> texts;
-  std::size_t start = 0;
-  while (start < log.size()) {
-    std::size_t end = log.find('\n', start);
-    if (end == std::string::npos) end = log.size();
-    const std::string line = log.substr(start, end - start);
-    const std::size_t t = line.find(".T");
-    if (t == 15 && line.size() > t + 2) texts.push_back(line.substr(line.find(' ', t) + 1));
-    start = end + 1;
-  }
-  return texts;
-}
-
-std::string Hex(uint32_t v) {
-  char buf[16];
-  std::snprintf(buf, sizeof buf, "%x", v);
-  return buf;
-}
-
-}  // namespace
-
 TEST(LogRecord, MessageCutAndLevelPrefix) {
   TempDir dir;
   const std::string exact(2048, 'e');
-  const std::string over = std::string(2048, 'o') + "X";
   std::string huge(10000, 'h');
   huge[2048] = 'X';
+  // Sub-module, level, text, and the record text expected in the file.
+  const std::vector<std::tuple<std::string, int, std::string, std::string>> cases = {
+      {"M", LEVEL_INFO, exact, "M INFO: " + exact},
+      {"M", LEVEL_INFO, exact + "X", "M INFO: " + exact},
+      {"M", LEVEL_INFO, huge, "M INFO: " + huge.substr(0, 2048)},
+      {"M", LEVEL_ASSERT, "a", "M ASSERT: a"},
+      {"M", LEVEL_ERROR, "e", "M ERROR: e"},
+      {"M", LEVEL_WARN, "w", "M WARN: w"},
+      {"M", 31, "n", "M n"},
+      {" M", LEVEL_INFO, "blank in the name", " M INFO: blank in the name"},
+  };
+  std::vector<std::string> expected;
   {
     ToviLogWriter writer(dir.path(), "cut", "", false, false, 10, 1048576, 10);
-    for (const std::string& text : {exact, over, huge}) {
-      ASSERT_TRUE(writer.AddLog("M", LEVEL_INFO, text.c_str(), nullptr, false, true));
+    for (const auto& [sub, level, text, record] : cases) {
+      ASSERT_TRUE(writer.AddLog(sub.c_str(), static_cast<ToviLogLevel>(level), text.c_str(),
+                                nullptr, false, true));
+      expected.push_back(record);
     }
-    ASSERT_TRUE(writer.AddLog("M", LEVEL_ASSERT, "a", nullptr, false, true));
-    ASSERT_TRUE(writer.AddLog("M", LEVEL_ERROR, "e", nullptr, false, true));
-    ASSERT_TRUE(writer.AddLog("M", LEVEL_WARN, "w", nullptr, false, true));
-    ASSERT_TRUE(writer.AddLog("M", static_cast<ToviLogLevel>(31), "n", nullptr, false, true));
-    ASSERT_TRUE(writer.AddLog(" M", LEVEL_INFO, "blank in the name", nullptr, false, true));
   }
-  const std::vector<std::string> texts = RecordTexts(OnlyLogFile(dir.path()));
-  const std::vector<std::string> expected = {
-      "M INFO: " + exact,
-      "M INFO: " + over.substr(0, 2048),
-      "M INFO: " + huge.substr(0, 2048),
-      "M ASSERT: a",
-      "M ERROR: e",
-      "M WARN: w",
-      "M n",
-      " M INFO: blank in the name",
-  };
-  EXPECT_EQ(texts, expected);
+  EXPECT_EQ(RecordTexts(OnlyLog(dir.path())), expected);
 }
 
 TEST(LogRecord, AsnClonesBelongToTheRecord) {
@@ -103,11 +66,9 @@ TEST(LogRecord, AsnClonesBelongToTheRecord) {
   const std::string printed = out.Text();
   out.Restore();
 
-  const std::string log = OnlyLogFile(dir.path());
-  for (int i = 0; i < 3; ++i) {
-    EXPECT_NE(log.find("M INFO: msg\nASN Trace:\nvalue " + std::to_string(i) + "\n"),
-              std::string::npos)
-        << log;
+  const std::string log = OnlyLog(dir.path());
+  for (const char* i : {"0", "1", "2"}) {
+    EXPECT_NE(log.find(std::string("M INFO: msg\nASN Trace:\nvalue ") + i + "\n"), log.npos) << log;
   }
   EXPECT_NE(log.find("about to clear m_DiscardQueue(4)"), std::string::npos);
   EXPECT_EQ(log.find("held"), std::string::npos);
@@ -134,25 +95,25 @@ TEST(LogRecord, AssertionBringsOutTheHeldBackRecords) {
     ASSERT_TRUE(writer.AddLog("M", LEVEL_ASSERT, "boom", nullptr, false, true));
     ASSERT_TRUE(writer.AddLog("M", LEVEL_ASSERT, "again", nullptr, false, true));
     // Once the assertions are written, a new filtered record waits again.
-    ASSERT_TRUE(WaitUntil([&] { return OnlyLogFile(dir.path()).find("ASSERT: again") != std::string::npos; }));
+    ASSERT_TRUE(WaitUntil([&] { return OnlyLog(dir.path()).find("again") != std::string::npos; }));
     ASSERT_TRUE(writer.AddLog("M", LEVEL_WARN, "left over", nullptr, false, false));
   }
   const std::string printed = out.Text();
   out.Restore();
 
-  const std::string log = OnlyLogFile(dir.path());
-  const std::vector<std::string> expected = {"M INFO: before", "M WARN: held 5", "M WARN: held 6",
-                                             "M WARN: held 7", "M WARN: held 8", "M WARN: held 9",
-                                             "M ASSERT: boom", "M ASSERT: again"};
+  const std::string log = OnlyLog(dir.path());
+  std::vector<std::string> held;
+  for (int i = 5; i < 10; ++i) held.push_back("M WARN: held " + std::to_string(i));
+  std::vector<std::string> expected = held;
+  expected.insert(expected.begin(), "M INFO: before");
+  expected.insert(expected.end(), {"M ASSERT: boom", "M ASSERT: again"});
   EXPECT_EQ(RecordTexts(log), expected);
   // Each held record keeps the time and thread of its own call.
   EXPECT_NE(log.find(".T" + Hex(producer) + " M WARN: held 5\n"), std::string::npos);
   EXPECT_NE(log.find("about to clear m_DiscardQueue(1)"), std::string::npos);
   // Held records are printed too when they come out; the assertion itself
   // asked for the file only.
-  EXPECT_EQ(RecordTexts(printed),
-            (std::vector<std::string>{"M WARN: held 5", "M WARN: held 6", "M WARN: held 7",
-                                      "M WARN: held 8", "M WARN: held 9"}));
+  EXPECT_EQ(RecordTexts(printed), held);
 
   // A writer that keeps nothing accepts filtered records and drops them.
   TempDir none;
@@ -162,5 +123,5 @@ TEST(LogRecord, AssertionBringsOutTheHeldBackRecords) {
     EXPECT_EQ(writer.DiscardQueueCount(), 0u);
     EXPECT_TRUE(writer.AddLog("M", LEVEL_ASSERT, "boom", nullptr, false, true));
   }
-  EXPECT_EQ(RecordTexts(OnlyLogFile(none.path())), std::vector<std::string>{"M ASSERT: boom"});
+  EXPECT_EQ(RecordTexts(OnlyLog(none.path())), std::vector<std::string>{"M ASSERT: boom"});
 }

@@ -29,58 +29,47 @@ std::string Marked(const std::string& text) {
   return std::regex_replace("\n" + text, head, "\n@").substr(1);
 }
 
-// A fresh installation root with the given debug configuration.
-struct PrintfSetup {
-  explicit PrintfSetup(const std::string& debugCfg) {
-    ToviDebugMgr::Destroy();
-    std::filesystem::create_directories(root / "etc/conf");
-    WriteFile(root / "etc/conf/default_debug.cfg", debugCfg);
-  }
+// A fresh installation root with the given configuration files; the manager
+// is gone again when the test ends.
+struct PrintfSetup : ScopedRoot {
+  using ScopedRoot::ScopedRoot;
   ~PrintfSetup() { ToviDebugMgr::Destroy(); }
   // What the main writer's one file holds between its opening lines and its
   // stop lines, record heads marked: the records and nothing else, if all is well.
   std::string Logged() const {
-    std::string all;
-    for (const std::string& name : ListDir(logs)) all += ReadFile(logs + name);
+    const std::string all = ReadFile(logs + ListDir(logs).at(0));
     const std::size_t from = all.find('\n', all.find("Thread handle output string")) + 1;
     return Marked(all.substr(from, all.find("thread handle output string exit") - from));
   }
-  TempDir root;
-  ScopedEnv env{"TOVI_ROOT", root.path().c_str()};
   std::string logs = root / "logs/";
 };
 
 // The console and log switches of the library's own messages are read once
 // per process, so each product configuration is tried in a death-test child
 // of its own, which reports through its exit code and standard error.
-int Child(const char* productCfg, bool print, bool log) {
+int Child(const std::string& productCfg, bool print, bool log) {
   // "MRB" is registered with no output at all, so the switches alone decide.
-  PrintfSetup setup("debug_level=1111\ndebug_output=00\nMRB_level=1111\nMRB_output=00\n");
-  if (productCfg != nullptr) WriteFile(setup.root / "etc/conf/tovi.cfg", productCfg);
+  PrintfSetup setup("MRB_level=1111\nMRB_output=00\n", productCfg);
   if (!ToviDebugMgr::Instance()->Init("prt", "", setup.logs, "", false, false)) return 2;
   StdoutCapture out;
   ToviOutputFrmtString("hello %d", 1);
-  // The switches are fixed by now; editing the file must not count.
-  WriteFile(setup.root / "etc/conf/tovi.cfg", std::string("EnablePrint=") + (print ? "0" : "1") +
-                                                  "\nEnableLog=" + (log ? "0" : "1") + "\n");
+  // The switches are fixed by now; editing the file, here to the opposite of
+  // what no file gives, must not count.
+  WriteFile(setup.Conf("tovi.cfg"), "EnablePrint=1\nEnableLog=0\n");
   ToviOutputString_i("ready text");
-  const std::string a2046(2046, 'a'), b2046(2046, 'b'), c2046(2046, 'c');
-  ToviOutputFrmtString("%s", a2046.c_str());
-  ToviOutputFrmtString("%sB", b2046.c_str());
-  ToviOutputFrmtString("%s%s", c2046.c_str(), std::string(954, 'C').c_str());
+  // 2046 characters pass whole; longer messages arrive as their first 2046.
+  const std::string x(3000, 'x'), cut = "@MRB INFO: " + x.substr(0, 2046) + "\n";
+  for (int n : {2046, 2047, 3000}) ToviOutputFrmtString("%s", x.substr(0, n).c_str());
   SetToviAppExit(true);
   const bool set = ToviAppIsExit();
   SetToviAppExit(false);
   if (!set || ToviAppIsExit()) return 3;
   ToviDebugMgr::Destroy();
-  const std::string printed = Marked(out.Text());
-  out.Restore();
+  const std::string printed = Marked(out.Text()), logged = setup.Logged();
 
-  const std::string all = "@MRB INFO: hello 1\n@MRB INFO: ready text\n@MRB INFO: " + a2046 +
-                          "\n@MRB INFO: " + b2046 + "\n@MRB INFO: " + c2046 +
-                          "\n@MRB INFO: ===================SetToviAppExit (1)==================\n"
+  const std::string all = "@MRB INFO: hello 1\n@MRB INFO: ready text\n" + cut + cut + cut +
+                          "@MRB INFO: ===================SetToviAppExit (1)==================\n"
                           "@MRB INFO: ===================SetToviAppExit (0)==================\n";
-  const std::string logged = setup.Logged();
   std::fprintf(stderr, "printed:\n%s\nlogged:\n%s\n", printed.c_str(), logged.c_str());
   return printed == (print ? all : "") && logged == (log ? all : "") ? 0 : 4;
 }
@@ -135,8 +124,10 @@ TEST(Printf, RefusalsDefaultsAndTheSubModuleWrapper) {
 TEST(TraceLibraryOutput, SwitchesDecideOncePerProcess) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   const ::testing::ExitedWithCode ok(0);
-  EXPECT_EXIT(std::exit(Child(nullptr, false, true)), ok, "");
-  EXPECT_EXIT(std::exit(Child("EnablePrint=abc\nEnableLog=2\n", false, true)), ok, "");
-  EXPECT_EXIT(std::exit(Child("EnablePrint=1\nEnableLog=0\n", true, false)), ok, "");
+  // No file: printing off, logging on. Any number but 0 turns a switch on and
+  // text that is no number reads as 0, each against its default; a switch
+  // the file leaves out keeps its default.
+  EXPECT_EXIT(std::exit(Child("", false, true)), ok, "");
+  EXPECT_EXIT(std::exit(Child("EnablePrint=2\nEnableLog=abc\n", true, false)), ok, "");
   EXPECT_EXIT(std::exit(Child("EnablePrint=1\n", true, true)), ok, "");
 }

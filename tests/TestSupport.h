@@ -3,9 +3,11 @@
 #ifndef TOVI_TESTS_TESTSUPPORT_H
 #define TOVI_TESTS_TESTSUPPORT_H
 
+#include <bitset>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <initializer_list>
 #include <iterator>
 #include <optional>
 #include <string>
@@ -70,6 +72,29 @@ public:
 private:
   std::string name_;
   std::optional<std::string> old_;
+};
+
+// A 32-bit mask from the numbers of its set bits, so that no test has to
+// think about which end of a string std::bitset counts from.
+inline std::bitset<32> Bits(std::initializer_list<int> bits) {
+  std::bitset<32> mask;
+  for (int bit : bits) mask.set(static_cast<std::size_t>(bit));
+  return mask;
+}
+
+// An installation root of its own, named by TOVI_ROOT for the scope, with
+// etc/conf/ holding the debug and the product configuration files when they
+// are given, so that no configuration of the machine leaks in.
+struct ScopedRoot {
+  explicit ScopedRoot(const std::string& debugCfg = "", const std::string& productCfg = "") {
+    std::filesystem::create_directories(root / "etc/conf");
+    if (!debugCfg.empty()) WriteFile(Conf("default_debug.cfg"), debugCfg);
+    if (!productCfg.empty()) WriteFile(Conf("tovi.cfg"), productCfg);
+  }
+  std::string Conf(const std::string& name) const { return root / ("etc/conf/" + name); }
+
+  TempDir root;
+  ScopedEnv env{"TOVI_ROOT", root.path().c_str()};
 };
 
 }  // namespace tovitest

@@ -2,7 +2,6 @@
 // sub-module's masks add to the caller's outputs, which writer and which file
 // a record reaches, and the per-application writers under concurrent use.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <cstdio>
@@ -12,7 +11,6 @@
 #include <thread>
 #include <vector>
 
-#include "ToviBaseUtil.h"
 #include "ToviDebugMgr.h"
 #include "WriterTestSupport.h"
 #include "port/ToviPort.h"
@@ -38,17 +36,13 @@ std::string Lines(std::initializer_list<const char*> records, const std::string&
   return pattern;
 }
 
-// A writer's only file as a whole, from creation to close, byte for byte but
-// for times, date lines and the writer thread's handle.
+// A writer's only file, from creation to close: the header given, then these
+// records and nothing else between the opening and the stop lines, whose
+// exact form the file format tests check.
 std::string WholeFile(const std::string& header, std::initializer_list<const char*> records) {
-  const std::string date = R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d)", stamp = "\n" + date + R"(\.\d{6})";
-  return std::string(TOVIIsGlobalVersion() ? "\xEF\xBB\xBF" : "") + "File create at time " + date +
-         R"(\. Current ospid is )" + std::to_string(::getpid()) + "\n" + header +
-         "This is the first log file\nThread handle output string is 0x[0-9a-f]+\n" +
-         Lines(records, "(Current date&time:" + date + "\\.\\d{6}\n)?") +
-         "thread handle output string exit" + stamp + R"( about to clear m_DiscardQueue\(0\))" +
-         stamp + R"( about to clear m_OutputQueue\(0\))" + stamp +
-         " after m_OutputQueue cleared\nFile close at [^\n]* " + date + "\n";
+  return "[^\n]*File create at .*\n" + header + "This is the first log file\n.*\n" +
+         Lines(records, "(Current date&time:.*\n)?") +
+         "thread handle output string exit\n(.*\n){3}File close at .*\n";
 }
 
 ::testing::AssertionResult Matches(const std::string& text, const std::string& pattern) {
@@ -61,26 +55,19 @@ std::string WholeFile(const std::string& header, std::initializer_list<const cha
 std::string Logged(const std::string& dir, const std::string& prefix) {
   const std::regex named(prefix + R"(\d{8}_\d{6}\.log)");
   std::string all;
-  for (const std::string& name : ListDir(dir)) {
+  for (const std::string& name : ListDir(dir))
     if (std::regex_match(name, named)) all += ReadFile(dir + name);
-  }
   return all;
 }
 
 // A fresh installation root with the given debug configuration; the manager
 // is gone again when the test ends.
-struct TraceSetup {
-  explicit TraceSetup(const std::string& debugCfg) {
-    ToviDebugMgr::Destroy();
-    std::filesystem::create_directories(root / "etc/conf");
-    WriteFile(root / "etc/conf/default_debug.cfg", debugCfg);
-  }
+struct TraceSetup : ScopedRoot {
+  using ScopedRoot::ScopedRoot;
   ~TraceSetup() { ToviDebugMgr::Destroy(); }
   bool Init(bool traceOff = false) {
     return ToviDebugMgr::Instance()->Init("trc", "", logs, "hdr\n", false, traceOff);
   }
-  TempDir root;
-  ScopedEnv env{"TOVI_ROOT", root.path().c_str()};
   std::string logs = root / "logs/";
 };
 
@@ -130,7 +117,6 @@ TEST(Trace, RefusalsLeaveNothingAndMasksOnlyWiden) {
   EXPECT_TRUE(Matches(
       printed, Lines({"Unreg INFO: a", "Quiet INFO: d", "Loud INFO: f", "Loud INFO: g",
                       "Unreg WARN: i", "Unreg WARN: b", "Quiet INFO: c", "Unreg ASSERT: z"})));
-  EXPECT_EQ(ListDir(setup.root.path()), (std::vector<std::string>{"etc", "logs"}));
   EXPECT_EQ(ListDir(setup.logs).size(), 1u) << "a refused call made a writer";
   EXPECT_TRUE(Matches(Logged(setup.logs, "trc"),
                       WholeFile("hdr\n", {"Unreg INFO: a", "Quiet INFO: e", "Loud INFO: f",
@@ -149,14 +135,12 @@ TEST(TraceApp, WriterPerApplicationNameUpToTheTableBound) {
   EXPECT_TRUE(mgr->AppTrace("First", LEVEL_INFO, "a1", nullptr, false, false, "App"));
   EXPECT_TRUE(mgr->AppTrace("Second", LEVEL_WARN, "a2", nullptr, false, false, "App"));
   for (const std::string& name :
-       {n128 + "n", std::string("a/b"), std::string("a\\b"), std::string("/../../out")}) {
+       {n128 + "n", std::string("a/b"), std::string("a\\b"), std::string("/../../out")})
     EXPECT_FALSE(mgr->AppTrace("Bad", LEVEL_INFO, "bad", nullptr, false, true, name)) << name;
-  }
   EXPECT_TRUE(mgr->AppTrace("Long", LEVEL_INFO, "l1", nullptr, false, false, n128));
   // The table is full now: every application call is refused, known names too.
-  for (const char* name : {"Three", "App", ""}) {
+  for (const char* name : {"Three", "App", ""})
     EXPECT_FALSE(mgr->AppTrace("S", LEVEL_INFO, "full", nullptr, false, false, name)) << name;
-  }
   EXPECT_TRUE(mgr->Trace("Main", LEVEL_INFO, "m3", nullptr, false, false));
   ToviDebugMgr::Destroy();
 
@@ -179,13 +163,13 @@ TEST(TraceConcurrency, NewApplicationNamesRaceWhileMasksChange) {
   const std::vector<std::string> apps = {"X", "Y", "Z"};
   // All threads start together, the last to arrive releasing the others.
   std::atomic<int> waiting{kThreads + 1}, tracing{kThreads};
-  std::vector<std::string> heads(kThreads);  // how each thread's records begin
+  // Per thread and file prefix: what the thread traced there, in its order.
+  std::vector<std::map<std::string, std::vector<std::string>>> traced(kThreads);
   std::vector<std::thread> threads;
   for (int t = 0; t < kThreads; ++t) {
     threads.emplace_back([&, t] {
       // Each thread its own sub-module, so that a writer's header tells which call made it.
       const std::string sub = "T" + std::to_string(t);
-      heads[t] = Mine(sub + " INFO: ");
       --waiting;
       while (waiting.load() > 0) std::this_thread::yield();
       for (int r = 0; r < kRounds; ++r) {
@@ -195,42 +179,36 @@ TEST(TraceConcurrency, NewApplicationNamesRaceWhileMasksChange) {
         const std::string text = app + " " + std::to_string(r);
         EXPECT_TRUE(mgr->AppTrace(sub, LEVEL_INFO, text.c_str(), nullptr, false, r % 2 == 0, app));
         EXPECT_TRUE(mgr->Trace(sub, LEVEL_INFO, text.c_str(), nullptr, false, r % 2 == 0));
+        for (const std::string& prefix : {"trc" + app + "_", std::string("trc")})
+          traced[t][prefix].push_back(Mine(sub + " INFO: " + text));
       }
       --tracing;
     });
   }
-  threads.emplace_back([&] {
-    --waiting;
-    while (waiting.load() > 0) std::this_thread::yield();
-    for (int k = 0; tracing.load() > 0 && k < 20000; ++k) {
-      mgr->SetLogLevel("debug", static_cast<ToviLogLevel>(4 + k % 8), k % 2 == 0);
-      mgr->RegSubModuleInfo("Extra" + std::to_string(k % 50), 0xF, 0, false);
-      std::this_thread::yield();
-    }
-  });
+  // This thread changes masks meanwhile.
+  --waiting;
+  while (waiting.load() > 0) std::this_thread::yield();
+  for (int k = 0; tracing.load() > 0 && k < 20000; ++k) {
+    mgr->SetLogLevel("debug", static_cast<ToviLogLevel>(4 + k % 8), k % 2 == 0);
+    mgr->RegSubModuleInfo("Extra" + std::to_string(k % 50), 0xF, 0, false);
+    std::this_thread::yield();
+  }
   for (auto& th : threads) th.join();
   ToviDebugMgr::Destroy();
 
-  // Per file prefix and thread: what the thread traced, in its order, and what was written.
-  std::map<std::pair<std::string, std::string>, std::vector<std::string>> traced, written;
-  for (int t = 0; t < kThreads; ++t) {
-    for (int r = 0; r < kRounds; ++r) {
-      const std::string& app = apps[r % apps.size()];
-      traced[{"trc" + app + "_", heads[t]}].push_back(heads[t] + app + " " + std::to_string(r));
-      traced[{"trc", heads[t]}].push_back(heads[t] + app + " " + std::to_string(r));
-    }
-  }
-  const std::regex record(std::string(kTime) + "([0-9a-f]+ T[0-9] INFO: )([^\n]*)\n");
+  // Per file prefix and sub-module: what was written, in file order.
+  std::map<std::string, std::vector<std::string>> written;
+  const std::regex record(std::string(kTime) + "([0-9a-f]+ (T[0-9]) INFO: [^\n]*)\n");
   for (const char* app : {"", "X_", "Y_", "Z_"}) {
     // Each name's file is headed by a tracing thread's sub-module; with the
     // count of files below, one writer and one file for each name.
     const std::string prefix = "trc" + std::string(app), content = Logged(setup.logs, prefix);
     EXPECT_TRUE(!*app || std::regex_search(content, std::regex("\nT[0-5]This is the first")));
-    for (std::sregex_iterator it(content.begin(), content.end(), record), end; it != end; ++it) {
-      written[{prefix, (*it)[1]}].push_back((*it)[1].str() + (*it)[2].str());
-    }
+    for (std::sregex_iterator it(content.begin(), content.end(), record), end; it != end; ++it)
+      written[prefix + " " + (*it)[2].str()].push_back((*it)[1]);
   }
-  for (const auto& [where, records] : traced)
-    EXPECT_EQ(written[where], records) << where.first << " from thread " << where.second;
+  for (int t = 0; t < kThreads; ++t)
+    for (const auto& [prefix, records] : traced[t])
+      EXPECT_EQ(written[prefix + " T" + std::to_string(t)], records) << prefix << " from T" << t;
   EXPECT_EQ(ListDir(setup.logs).size(), 1 + apps.size());
 }

@@ -1,6 +1,6 @@
 // WriterTestSupport.h - what the log writer tests share: directory listings,
-// gzip reading through zlib, stdout capture, and an ASN.1 value that counts
-// its live clones.
+// log lines and records, gzip reading through zlib, stdout capture, and an
+// ASN.1 value that counts its live clones.
 #ifndef TOVI_TESTS_WRITERTESTSUPPORT_H
 #define TOVI_TESTS_WRITERTESTSUPPORT_H
 
@@ -9,6 +9,7 @@
 #include <zlib.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
@@ -48,6 +49,58 @@ inline std::size_t Occurrences(const std::string& text, const std::string& needl
     ++n;
   }
   return n;
+}
+
+// A thread id as the log lines print it.
+inline std::string Hex(uint32_t v) {
+  char buf[16];
+  std::snprintf(buf, sizeof buf, "%x", v);
+  return buf;
+}
+
+// The lines of text without their ends; an unterminated last line is marked.
+inline std::vector<std::string> SplitLines(const std::string& text) {
+  std::vector<std::string> lines;
+  for (std::size_t start = 0; start < text.size();) {
+    const std::size_t end = text.find('\n', start);
+    if (end == std::string::npos) {
+      lines.push_back(text.substr(start) + "<no line end>");
+      break;
+    }
+    lines.push_back(text.substr(start, end - start));
+    start = end + 1;
+  }
+  return lines;
+}
+
+// The record texts of a log (what follows "<hh:mm:ss.micros>.T<tid> "), in
+// order; other lines are skipped.
+inline std::vector<std::string> RecordTexts(const std::string& log) {
+  std::vector<std::string> texts;
+  for (const std::string& line : SplitLines(log)) {
+    const std::size_t blank = line.find(' ', 17);
+    if (blank != std::string::npos && line.compare(15, 2, ".T") == 0) {
+      texts.push_back(line.substr(blank + 1));
+    }
+  }
+  return texts;
+}
+
+// The plain log files (".log") of dir, sorted.
+inline std::vector<std::string> LogFiles(const std::string& dir) {
+  std::vector<std::string> out;
+  for (const auto& name : ListDir(dir)) {
+    if (EndsWith(name, ".log")) out.push_back(name);
+  }
+  return out;
+}
+
+// The text of the single plain log file in dir; a marker naming how many
+// there are otherwise.
+inline std::string OnlyLog(const std::string& dir) {
+  const std::vector<std::string> logs = LogFiles(dir);
+  return logs.size() == 1 ? ReadFile(dir + "/" + logs[0])
+                          : "<" + std::to_string(logs.size()) + " log files>";
 }
 
 // The decompressed content of a gzip file; "<unreadable>" when zlib cannot
