@@ -106,8 +106,11 @@ bool ToviDebugMgr::AppTrace(const std::string& subModule, ToviLogLevel level, co
     if (!creating.locked()) return false;
     std::string logDir;
     {
+      // Only creators add entries, so what is seen here holds until the
+      // new writer is entered.
       ACE_Read_Guard<ACE_RW_Thread_Mutex> guard(m_WriterTableLock);
       if (!guard.locked()) return false;
+      if (m_WriterTable.size() > static_cast<std::size_t>(m_nMaxFileNum)) return false;
       auto found = m_WriterTable.find(name);
       if (found != m_WriterTable.end()) {
         writer = found->second;
@@ -117,17 +120,21 @@ bool ToviDebugMgr::AppTrace(const std::string& subModule, ToviLogLevel level, co
       }
     }
     if (writer == nullptr) {
-      writer = new (std::nothrow) ToviLogWriter(
+      ToviLogWriter* made = new (std::nothrow) ToviLogWriter(
           logDir, name, subModule, false, false, static_cast<unsigned>(m_nFiltLogBufSize),
           static_cast<unsigned>(m_nEachFileMaxSize), m_nEachProcessMaxZipNum);
-      if (writer == nullptr) return false;
-      ACE_Write_Guard<ACE_RW_Thread_Mutex> guard(m_WriterTableLock);
-      // The bound holds for names created meanwhile as well.
-      if (!guard.locked() || m_WriterTable.size() > static_cast<std::size_t>(m_nMaxFileNum)) {
-        delete writer;
+      if (made == nullptr) return false;
+      {
+        ACE_Write_Guard<ACE_RW_Thread_Mutex> guard(m_WriterTableLock);
+        if (guard.locked()) {
+          m_WriterTable[name] = made;
+          writer = made;
+        }
+      }
+      if (writer == nullptr) {
+        delete made;  // the table could not be locked: leave the name out
         return false;
       }
-      m_WriterTable[name] = writer;
     }
   }
 
