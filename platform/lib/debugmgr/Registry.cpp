@@ -3,6 +3,9 @@
 // Lookups share the registry lock for reading, so trace calls of many
 // threads look up at once; every change holds it for writing. An entry, once
 // made, stays until the manager is destroyed.
+#include <map>
+#include <string>
+
 #include <ace/Guard_T.h>
 
 #include "ToviDebugMgr.h"
@@ -12,6 +15,13 @@ namespace {
 const char kDefaultSubModule[] = "debug";
 
 bool ValidBit(int n) { return n >= 0 && n <= 31; }
+
+// The entry that a mask change addresses: name, or "debug" for the empty name.
+SubModuleInfo* ChangeTarget(std::map<std::string, SubModuleInfo*>& registry,
+                            const std::string& name) {
+  auto found = registry.find(name.empty() ? std::string(kDefaultSubModule) : name);
+  return found == registry.end() ? nullptr : found->second;
+}
 }  // namespace
 
 void ToviDebugMgr::SetDefLogLevel(ToviLogLevel level) { m_nDefLogLevel = level; }
@@ -66,18 +76,16 @@ bool ToviDebugMgr::SetLogLevel(const std::string& name, ToviLogLevel level, bool
   if (!ValidBit(level)) return false;
   ACE_Write_Guard<ACE_RW_Thread_Mutex> guard(m_RegistryLock);
   if (!guard.locked()) return false;
-  auto found = m_SubModuleMap.find(name.empty() ? std::string(kDefaultSubModule) : name);
-  if (found == m_SubModuleMap.end()) return false;
-  return found->second->SetLevelBit(static_cast<unsigned>(level), on);
+  SubModuleInfo* entry = ChangeTarget(m_SubModuleMap, name);
+  return entry != nullptr && entry->SetLevelBit(static_cast<unsigned>(level), on);
 }
 
 bool ToviDebugMgr::SetLogOutput(const std::string& name, ToviOutputDirection direction, bool on) {
   if (!ValidBit(direction)) return false;
   ACE_Write_Guard<ACE_RW_Thread_Mutex> guard(m_RegistryLock);
   if (!guard.locked()) return false;
-  auto found = m_SubModuleMap.find(name.empty() ? std::string(kDefaultSubModule) : name);
-  if (found == m_SubModuleMap.end()) return false;
-  return found->second->SetOutputBit(static_cast<unsigned>(direction), on);
+  SubModuleInfo* entry = ChangeTarget(m_SubModuleMap, name);
+  return entry != nullptr && entry->SetOutputBit(static_cast<unsigned>(direction), on);
 }
 
 bool ToviDebugMgr::GetAllModuleInfo(

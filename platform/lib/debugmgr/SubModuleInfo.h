@@ -25,6 +25,11 @@ public:
   ACE_RW_Thread_Mutex m_Lock;
   std::bitset<32> m_LevelMask;
   std::bitset<32> m_OutputMask;
+
+private:
+  // Runs change with m_Lock held for writing; false when it cannot be taken.
+  template <typename Change>
+  bool Locked(Change change);
 };
 
 #endif
