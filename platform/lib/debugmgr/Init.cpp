@@ -12,6 +12,7 @@
 
 #include "ToviBaseUtil.h"
 #include "ToviDebugMgr.h"
+#include "debugmgr/NameRules.h"
 #include "logwriter/ToviLogWriter.h"
 #include "port/ToviPort.h"
 
@@ -38,10 +39,6 @@ std::bitset<32> BoundMask(const std::bitset<32>& mask) {
   return std::bitset<32>(value > 4369 ? (value & 15) : value);
 }
 
-bool HoldsSeparator(const std::string& name) {
-  return name.find('/') != std::string::npos || name.find('\\') != std::string::npos;
-}
-
 // The Init name ends up as the start of file names in the log directory: a
 // name that would leave the directory, or that the file system cannot take,
 // is refused. A name that simply does not exist yet is fine.
@@ -50,7 +47,7 @@ bool InitNameUsable(const std::string& logDir, const std::string& name) {
   if (path.empty()) return true;
   const toviport::PathState state = toviport::CheckPath(path.c_str());
   if (state == toviport::PathState::Exists) return true;
-  if (HoldsSeparator(name)) return false;
+  if (HoldsPathSeparator(name)) return false;
   return state != toviport::PathState::TooLong;
 }
 }  // namespace

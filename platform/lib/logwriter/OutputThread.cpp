@@ -79,6 +79,15 @@ bool ToviLogWriter::SleepUnlessStopped(unsigned milliseconds) {
   return !m_bStopRequested.load(std::memory_order_acquire);
 }
 
+bool ToviLogWriter::CreateLogFileUntilStopped() {
+  while (!CreateLogFile()) {
+    m_bNoFile.store(true, std::memory_order_release);
+    if (!SleepUnlessStopped(kCreateRetryMs)) return false;
+  }
+  m_bNoFile.store(false, std::memory_order_release);
+  return true;
+}
+
 void ToviLogWriter::ReportDroppedRecords() {
   if (m_nDroppedRecords.load(std::memory_order_relaxed) == 0) return;
   const unsigned long long dropped = m_nDroppedRecords.exchange(0, std::memory_order_relaxed);
@@ -93,14 +102,10 @@ void* ToviLogWriter::OutputThread(void* arg) {
   if (self == nullptr) return nullptr;
 
   self->MaintainArchives();
-  while (!self->CreateLogFile()) {
-    self->m_bNoFile.store(true, std::memory_order_release);
-    if (!self->SleepUnlessStopped(kCreateRetryMs)) {
-      self->m_bThreadExited.store(true, std::memory_order_release);
-      return nullptr;
-    }
+  if (!self->CreateLogFileUntilStopped()) {
+    self->m_bThreadExited.store(true, std::memory_order_release);
+    return nullptr;
   }
-  self->m_bNoFile.store(false, std::memory_order_release);
 
   self->WriteString("This is the first log file\n");
   char line[60];

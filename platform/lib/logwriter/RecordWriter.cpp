@@ -36,12 +36,7 @@ const char* TimeOfDay(const char* stamp) {
 bool ToviLogWriter::RollOver() {
   CloseLogFile();
   MaintainArchives();
-  while (!CreateLogFile()) {
-    m_bNoFile.store(true, std::memory_order_release);
-    if (!SleepUnlessStopped(1000)) return false;
-  }
-  m_bNoFile.store(false, std::memory_order_release);
-  return true;
+  return CreateLogFileUntilStopped();
 }
 
 bool ToviLogWriter::WriteRecord(ToviLogRecord* record, bool fromDiscardQueue) {

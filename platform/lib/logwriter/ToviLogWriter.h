@@ -76,6 +76,9 @@ private:
 
   bool EnqueueOutput(ACE_Message_Block* block);
   bool RollOver();
+  // Creates the next file, retrying once a second; false when a stop came
+  // first.
+  bool CreateLogFileUntilStopped();
   void ReportDroppedRecords();
   bool SleepUnlessStopped(unsigned milliseconds);
   void ClearQueueAtStop(RecordQueue& queue, const char* failure);

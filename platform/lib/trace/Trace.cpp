@@ -18,6 +18,7 @@
 #include "ToviBaseUtil.h"
 #include "ToviDebugEngine.h"
 #include "ToviDebugMgr.h"
+#include "debugmgr/NameRules.h"
 #include "logwriter/ToviLogWriter.h"
 
 namespace {
@@ -47,9 +48,6 @@ void WidenOutputs(ToviDebugMgr& manager, const std::string& subModule, ToviLogLe
 // process, so one lock serves).
 ACE_Thread_Mutex g_appWriterCreation;
 
-bool HoldsSeparator(const std::string& name) {
-  return name.find('/') != std::string::npos || name.find('\\') != std::string::npos;
-}
 }  // namespace
 
 bool ToviDebugMgr::Trace(const std::string& subModule, ToviLogLevel level, const char* text,
@@ -78,7 +76,7 @@ bool ToviDebugMgr::AppTrace(const std::string& subModule, ToviLogLevel level, co
   if (text == nullptr || !ValidLevel(level)) return false;
   // An application name becomes part of file names in the log directory; a
   // separator would let it place files elsewhere.
-  if (appName.size() > kMaxAppName || HoldsSeparator(appName)) return false;
+  if (appName.size() > kMaxAppName || HoldsPathSeparator(appName)) return false;
 
   std::string name = m_strInitName;
   if (!appName.empty()) {
