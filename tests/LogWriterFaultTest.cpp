@@ -14,7 +14,7 @@
 #include <utility>
 
 #include "WriterTestSupport.h"
-#include "logwriter/ToviLogRecord.h"
+#include "logwriter/RecordBlock.h"
 #include "logwriter/ToviLogWriter.h"
 
 using namespace tovitest;
@@ -24,7 +24,7 @@ namespace {
 // Generous enough for a loaded sanitizer build; only a hang exceeds it.
 constexpr double kHangBound = 5.0;
 // What the output queue holds before producers have to wait.
-constexpr std::size_t kQueueRecords = 10240000 / sizeof(ToviLogRecord);
+constexpr std::size_t kQueueRecords = recordblock::kQueueWaterMark / recordblock::kBlockSizes[0];
 const std::string kTag = "fault INFO: ";
 
 // How long f() takes, in seconds.

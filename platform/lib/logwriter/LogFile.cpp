@@ -21,6 +21,10 @@ namespace {
 constexpr int kNameAttempts = 3600;
 // The most a single write puts into the file.
 constexpr std::size_t kMaxWrite = 0x200000;
+// Pending bytes beyond this go to the kernel at once, so a batch never holds
+// much more than this in memory, nor keeps it from the disk.
+constexpr std::size_t kBatchBytes = 64 * 1024;
+const char kUtf8Bom[] = "\xEF\xBB\xBF";
 
 std::tm LocalTime(int64_t when) {
   std::tm local{};
@@ -39,6 +43,7 @@ bool ToviLogWriter::CreateLogFile() {
   }
 
   std::string name;
+  int fd = -1;
   int64_t nameTime = now > m_nLastNameTime ? now : m_nLastNameTime + 1;
   for (int attempt = 0; attempt < kNameAttempts; ++attempt, ++nameTime) {
     char buf[256];
@@ -47,7 +52,7 @@ bool ToviLogWriter::CreateLogFile() {
     m_strCurFile = m_strLogPath + m_strPrefix + buf;
     if (toviport::PathExists((m_strCurFile + ".gz").c_str())) continue;
 
-    const toviport::CreateResult made = toviport::CreateNewFile(m_strCurFile);
+    const toviport::CreateResult made = toviport::CreateNewFile(m_strCurFile, fd);
     if (made == toviport::CreateResult::Exists) continue;
     if (made == toviport::CreateResult::Failed) return false;
     name = buf;
@@ -55,24 +60,13 @@ bool ToviLogWriter::CreateLogFile() {
   }
   if (name.empty()) return false;
 
-  m_pFile = new (std::nothrow) std::ofstream();
-  if (m_pFile != nullptr) {
-    m_pFile->clear();
-    m_pFile->open(m_strCurFile.c_str(), std::ios::out | std::ios::trunc);
-  }
-  if (m_pFile == nullptr || !m_pFile->is_open() || !m_pFile->good()) {
-    delete m_pFile;
-    m_pFile = nullptr;
-    // The name was claimed above; leave no empty file behind.
-    toviport::RemoveFile(m_strCurFile.c_str());
-    return false;
-  }
+  m_nFile = fd;
   m_nLastNameTime = nameTime;
-  m_pFile->seekp(0);
   if (m_strFirstFile.empty()) m_strFirstFile = m_strPrefix + name;
+  m_nFileBytes = 0;
+  m_FileBatch.clear();
 
-  TOVIInsertBOM(*m_pFile);
-  m_nFileBytes = m_pFile->tellp();
+  if (TOVIIsGlobalVersion()) WriteString(kUtf8Bom);
   // The creation line carries the true time, even when the name had to move
   // on to a later second.
   char when[63];
@@ -82,38 +76,51 @@ bool ToviLogWriter::CreateLogFile() {
                 static_cast<int>(toviport::CurrentProcessId()));
   WriteString(line);
   WriteString(m_strHeader.c_str());
-  m_pFile->flush();
+  FlushFileBatch();
   return true;
 }
 
 void ToviLogWriter::CloseLogFile() {
-  if (m_pFile == nullptr) return;
+  if (m_nFile < 0) return;
   char when[511];
   toviport::FormatTime(when, sizeof when, "%Z %Y-%m-%d %H:%M:%S",
                        LocalTime(toviport::CurrentTime()));
   char line[512];
   ACE_OS::snprintf(line, sizeof line, "File close at %s\n", when);
   WriteString(line);
-  m_pFile->flush();
-  m_pFile->close();
-  delete m_pFile;
-  m_pFile = nullptr;
+  FlushFileBatch();
+  toviport::CloseFile(m_nFile);
+  m_nFile = -1;
 }
 
 bool ToviLogWriter::WriteString(const char* text) {
-  if (text == nullptr || m_pFile == nullptr) return false;
-  std::size_t n = std::strlen(text);
+  if (text == nullptr) return false;
+  return WriteBytes(text, std::strlen(text));
+}
+
+bool ToviLogWriter::WriteBytes(const char* data, std::size_t n) {
+  if (m_nFile < 0) return false;
   if (n > kMaxWrite) n = kMaxWrite;
-  m_pFile->write(text, static_cast<std::streamsize>(n));
-  if (m_pFile->good()) {
-    m_nFileBytes += static_cast<int64_t>(n);
-    return true;
+  try {
+    m_FileBatch.append(data, n);
+  } catch (...) {
+    return false;
   }
-  // A failed write (a full disk, say) must not silence every later one.
-  m_pFile->clear();
-  const std::streamoff at = m_pFile->tellp();
-  if (at >= 0) m_nFileBytes = at;
-  return false;
+  m_nFileBytes += static_cast<int64_t>(n);
+  if (m_FileBatch.size() >= kBatchBytes) FlushFileBatch();
+  return true;
+}
+
+void ToviLogWriter::FlushFileBatch() {
+  if (m_nFile < 0 || m_FileBatch.empty()) return;
+  std::size_t written = 0;
+  const bool ok = toviport::WriteAll(m_nFile, m_FileBatch.data(), m_FileBatch.size(), written);
+  m_FileBatch.clear();
+  if (ok) return;
+  // A failed write (a full disk, say) leaves the count at what the file
+  // really holds, so the roll-over test stays true to it.
+  const int64_t size = toviport::OpenFileSize(m_nFile);
+  if (size >= 0) m_nFileBytes = size;
 }
 
 bool ToviLogWriter::IsLogFileName(const char* name, int kind) const {

@@ -1,6 +1,11 @@
 // OutputThread.cpp - building a writer, starting its thread, and the thread
 // itself: the only code that consumes m_OutputQueue and, while it runs, the
 // only code that touches the writer's file.
+//
+// The thread takes whatever is queued, up to a batch bound, writes it, and
+// hands the batch to the kernel before it looks for more. When the queue runs
+// dry after work it naps briefly before it waits on the queue, so that
+// producers who keep coming find a writer that needs no waking.
 #include <cerrno>
 
 #include <ace/OS_NS_stdio.h>
@@ -9,17 +14,20 @@
 #include <ace/Time_Value.h>
 
 #include "ToviBaseUtil.h"
+#include "logwriter/RecordBatchQueue.h"
 #include "logwriter/RecordBlock.h"
 #include "logwriter/ToviLogRecord.h"
 #include "logwriter/ToviLogWriter.h"
 #include "port/ToviPort.h"
 
 namespace {
-// The byte budget of each queue; a queued record counts as one record object.
-constexpr size_t kQueueWaterMark = 10240000;
 // How often the idle writer thread looks at the stop flag, so that a stop
 // never depends on an end marker reaching the queue.
 const ACE_Time_Value kIdleWake(0, 100 * 1000);
+// The record bytes taken off the queue at once.
+constexpr std::size_t kBatchRecordBytes = 64 * 1024;
+// The nap after a batch that emptied the queue.
+constexpr unsigned kDryNapUs = 500;
 // The retry period when a log file cannot be created.
 constexpr unsigned kCreateRetryMs = 1000;
 }  // namespace
@@ -32,7 +40,7 @@ ToviLogWriter::ToviLogWriter(const std::string& logPath, const std::string& pref
       m_bStopRequested(false),
       m_strPrefix(prefix),
       m_strHeader(header),
-      m_pFile(nullptr),
+      m_nFile(-1),
       m_bAllPrint(bAllPrint),
       m_bAllLog(bAllLog),
       m_nFiltLogBufSize(nFiltLogBufSize),
@@ -42,17 +50,18 @@ ToviLogWriter::ToviLogWriter(const std::string& logPath, const std::string& pref
       m_bNoFile(false),
       m_nDroppedRecords(0),
       m_nLastNameTime(0),
-      m_nFileBytes(0) {
+      m_nFileBytes(0),
+      m_hThread() {
   if (logPath.empty()) {
     m_strLogPath = ToviGetDefaultLogPath();
   } else {
     m_strLogPath = logPath;
     if (m_strLogPath.back() != '/') m_strLogPath += '/';
   }
-  m_OutputQueue.high_water_mark(kQueueWaterMark);
-  m_OutputQueue.low_water_mark(kQueueWaterMark);
-  m_DiscardQueue.high_water_mark(kQueueWaterMark);
-  m_DiscardQueue.low_water_mark(kQueueWaterMark);
+  m_OutputQueue.high_water_mark(recordblock::kQueueWaterMark);
+  m_OutputQueue.low_water_mark(recordblock::kQueueWaterMark);
+  m_DiscardQueue.high_water_mark(recordblock::kQueueWaterMark);
+  m_DiscardQueue.low_water_mark(recordblock::kQueueWaterMark);
   StartThread();
 }
 
@@ -63,8 +72,11 @@ bool ToviLogWriter::StartThread() {
     ACE_Guard<ACE_Thread_Mutex> guard(m_StartLock);
     if (m_bStarted) return true;
   }
-  if (ACE_Thread::spawn(&ToviLogWriter::OutputThread, this, THR_NEW_LWP | THR_DETACHED, nullptr,
-                        nullptr, 0) == -1) {
+  // Joinable, so that the stop sequence returns the moment the thread has
+  // ended, and no thread of the library outlives its writer.
+  ACE_thread_t id;
+  if (ACE_Thread::spawn(&ToviLogWriter::OutputThread, this, THR_NEW_LWP | THR_JOINABLE, &id,
+                        &m_hThread, 0) == -1) {
     return false;
   }
   m_bStarted = true;
@@ -112,44 +124,69 @@ void* ToviLogWriter::OutputThread(void* arg) {
   ACE_OS::snprintf(line, sizeof line, "Thread handle output string is 0x%x\n",
                 toviport::CurrentThreadId());
   self->WriteString(line);
-  self->m_pFile->flush();
+  self->FlushFileBatch();
 
-  for (;;) {
-    if (self->m_bStopRequested.load(std::memory_order_acquire) &&
-        self->m_OutputQueue.message_count() == 0) {
-      break;
-    }
-    ACE_Message_Block* block = nullptr;
-    ACE_Time_Value wake = ACE_OS::gettimeofday() + kIdleWake;
-    if (self->m_OutputQueue.dequeue_head(block, &wake) == -1) {
-      if (errno == EWOULDBLOCK) continue;
-      self->WriteString("can't get message block\n");
-      self->SleepUnlessStopped(100);
-      continue;
-    }
-    if (block == nullptr) {
-      self->WriteString("can't get message block\n");
-      continue;
-    }
-    ToviLogRecord* record = UnwrapRecord(block);
-    if (record == nullptr) {
-      self->WriteString("can't get message block's base\n");
-      continue;
-    }
-    if (record->IsEndMarker()) {
-      delete record;
-      break;
-    }
-    if (record->HasData()) {
-      self->WriteRecord(record, false);
-    } else {
-      self->WriteString("can't get output data\n");
-    }
-    delete record;
-  }
+  self->DrainOutputQueue();
 
   self->WriteString("thread handle output string exit\n");
+  self->FlushFileBatch();
+  self->FlushConsoleBatch();
   // The last touch of the writer: from here on the stopping thread owns it.
   self->m_bThreadExited.store(true, std::memory_order_release);
   return nullptr;
+}
+
+void ToviLogWriter::DrainOutputQueue() {
+  bool dry = true;
+  for (;;) {
+    if (m_bStopRequested.load(std::memory_order_acquire) && m_OutputQueue.message_count() == 0) {
+      return;
+    }
+    ACE_Message_Block* chain = nullptr;
+    ACE_Time_Value wait = dry ? ACE_OS::gettimeofday() + kIdleWake : ACE_Time_Value::zero;
+    if (m_OutputQueue.dequeue_batch(chain, kBatchRecordBytes, &wait) == -1) {
+      if (errno == EWOULDBLOCK) {
+        if (!dry) toviport::SleepUs(kDryNapUs);
+        dry = true;
+        continue;
+      }
+      WriteString("can't get message block\n");
+      FlushFileBatch();
+      SleepUnlessStopped(100);
+      continue;
+    }
+    dry = false;
+    const bool ended = WriteBatch(chain);
+    FlushFileBatch();
+    FlushConsoleBatch();
+    if (ended) return;
+  }
+}
+
+bool ToviLogWriter::WriteBatch(ACE_Message_Block* chain) {
+  for (ACE_Message_Block* block = chain; block != nullptr;) {
+    ACE_Message_Block* next = block->next();
+    block->next(nullptr);
+    ToviLogRecord* record = recordblock::RecordIn(block);
+    if (record->IsEndMarker()) {
+      recordblock::Release(block);
+      // What was queued behind the marker stays for the stop sequence to
+      // count.
+      if (next != nullptr) m_OutputQueue.requeue_head(next);
+      return true;
+    }
+    if (record->HasData()) {
+      WriteRecord(record, false);
+    } else {
+      WriteString("can't get output data\n");
+    }
+    recordblock::Release(block);
+    block = next;
+  }
+  return false;
+}
+
+void ToviLogWriter::FlushConsoleBatch() {
+  toviport::ConsoleWrite(m_ConsoleBatch.data(), m_ConsoleBatch.size());
+  m_ConsoleBatch.clear();
 }

@@ -45,25 +45,19 @@ bool ToviLogWriter::EnqueueOutput(ACE_Message_Block* block) {
   }
 }
 
-bool ToviLogWriter::PutRecord(ToviLogRecord* record) {
-  if (record == nullptr) return false;
-  ACE_Message_Block* block = WrapRecord(record);
-  if (block == nullptr) {
-    delete record;
-    return false;
-  }
+bool ToviLogWriter::PutRecord(ACE_Message_Block* block) {
+  if (block == nullptr) return false;
+  const ToviLogRecord* record = recordblock::RecordIn(block);
 
   if (record->m_bPrint || record->m_bLog) {
     if (EnqueueOutput(block)) return true;
     m_nDroppedRecords.fetch_add(1, std::memory_order_relaxed);
-    delete block;
-    delete record;
+    recordblock::Release(block);
     return false;
   }
 
   if (m_nFiltLogBufSize == 0) {
-    delete block;
-    delete record;
+    recordblock::Release(block);
     return true;
   }
   // The held-back store never makes a tracing thread wait.
@@ -74,17 +68,15 @@ bool ToviLogWriter::PutRecord(ToviLogRecord* record) {
     ACE_Message_Block* oldest = nullptr;
     if (m_DiscardQueue.dequeue_head(oldest, &now_or_never) == -1) {
       if (errno != EWOULDBLOCK) {
-        delete block;
-        delete record;
+        recordblock::Release(block);
         return false;
       }
-    } else if (oldest != nullptr) {
-      delete UnwrapRecord(oldest);
+    } else {
+      recordblock::Release(oldest);
     }
   }
   if (m_DiscardQueue.enqueue_tail(block, &now_or_never) != -1) return true;
-  delete block;
-  delete record;
+  recordblock::Release(block);
   return false;
 }
 
@@ -94,11 +86,10 @@ void ToviLogWriter::FlushDiscardQueue() {
     ACE_Time_Value now_or_never = ACE_Time_Value::zero;
     if (m_DiscardQueue.dequeue_head(block, &now_or_never) == -1) break;
     if (block == nullptr) continue;
-    ToviLogRecord* record = UnwrapRecord(block);
-    if (record == nullptr) continue;
+    ToviLogRecord* record = recordblock::RecordIn(block);
     record->m_bLog = true;
     record->m_bPrint = true;
     WriteRecord(record, true);
-    delete record;
+    recordblock::Release(block);
   }
 }

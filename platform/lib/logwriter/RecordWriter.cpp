@@ -1,5 +1,9 @@
-// RecordWriter.cpp - turning one record into lines in the file and on the
+// RecordWriter.cpp - turning one record into lines for the file and the
 // console, and rolling the file over when it has grown past its limit.
+//
+// The lines go into the writer's pending batches; the writer thread hands
+// each batch to the kernel in one piece. Roll-over is still decided record
+// by record: a file ends with the record that took it past its limit.
 //
 // The date line goes into a file whenever the day of the month differs from
 // that of the last record that any writer of the process handled; the marker
@@ -8,8 +12,7 @@
 #include <cstring>
 #include <string>
 
-#include <ace/OS_NS_stdio.h>
-
+#include "logwriter/TimeStamp.h"
 #include "logwriter/ToviLogRecord.h"
 #include "logwriter/ToviLogWriter.h"
 
@@ -20,17 +23,32 @@ std::atomic<uint16_t> g_lastDay{0};
 
 constexpr std::size_t kDayOffset = 8;
 constexpr std::size_t kTimeOfDayOffset = 11;
+constexpr std::size_t kTimeOfDayLength = timestamp::kLength - kTimeOfDayOffset;
 
 uint16_t DayOf(const char* stamp) {
   return static_cast<uint16_t>(static_cast<unsigned char>(stamp[kDayOffset]) |
                                (static_cast<unsigned char>(stamp[kDayOffset + 1]) << 8));
 }
 
-// Time stamps come from ACE::timestamp and always have 26 characters; a
-// shorter one (never made by the library) is used whole rather than over-read.
-const char* TimeOfDay(const char* stamp) {
-  return std::strlen(stamp) > kTimeOfDayOffset ? stamp + kTimeOfDayOffset : stamp;
+// "<time of day>.T<thread id in hex> " into out, which has room for 32
+// characters; returns the length.
+std::size_t FormatHead(const ToviLogRecord& record, char* out) {
+  std::memcpy(out, record.m_pTime + kTimeOfDayOffset, kTimeOfDayLength);
+  char* p = out + kTimeOfDayLength;
+  *p++ = '.';
+  *p++ = 'T';
+  char digits[8];
+  int n = 0;
+  uint32_t id = record.m_nThreadId;
+  do {
+    digits[n++] = "0123456789abcdef"[id & 0xF];
+    id >>= 4;
+  } while (id != 0);
+  while (n > 0) *p++ = digits[--n];
+  *p++ = ' ';
+  return static_cast<std::size_t>(p - out);
 }
+
 }  // namespace
 
 bool ToviLogWriter::RollOver() {
@@ -40,50 +58,57 @@ bool ToviLogWriter::RollOver() {
 }
 
 bool ToviLogWriter::WriteRecord(ToviLogRecord* record, bool fromDiscardQueue) {
-  if (m_pFile == nullptr || record == nullptr || record->m_pTime == nullptr) return false;
+  if (m_nFile < 0 || record == nullptr || record->m_pTime == nullptr) return false;
   ReportDroppedRecords();
   // Held-back records come out before the assertion that explains them.
   if (record->m_nLevel == LEVEL_ASSERT && !fromDiscardQueue) FlushDiscardQueue();
 
-  const char* text = record->m_pText != nullptr ? record->m_pText : "";
-  const std::size_t textLen = std::strlen(text);
-  const bool needsLineEnd = textLen > 0 && text[textLen - 1] != '\n';
-  char head[512];
-  ACE_OS::snprintf(head, sizeof head, "%s.T%lx ", TimeOfDay(record->m_pTime),
-                static_cast<unsigned long>(record->m_nThreadId));
+  char head[32];
+  const std::size_t headLen = FormatHead(*record, head);
   const uint16_t day = DayOf(record->m_pTime);
+  // The record's lines after the head: its text, a line end unless the text
+  // has one, then the rendered ASN.1 value.
+  const char* text = record->m_pText != nullptr ? record->m_pText : "";
+  const std::size_t textLen = record->m_pText != nullptr ? record->m_nTextLen : 0;
+  const bool needsLineEnd = textLen > 0 && text[textLen - 1] != '\n';
+  std::string asn;
+  if (record->m_pAsn != nullptr) {
+    try {
+      FormatAsnTrace(record->m_pAsn, asn);
+      asn += '\n';
+    } catch (...) {
+      asn.clear();  // no memory for the rendering: the record goes out without it
+    }
+  }
 
   if (record->m_bLog) {
     if (day != g_lastDay.load(std::memory_order_relaxed)) {
-      char line[512];
-      ACE_OS::snprintf(line, sizeof line, "Current date&time:%s\n", record->m_pTime);
+      char line[64] = "Current date&time:";
+      std::memcpy(line + 18, record->m_pTime, timestamp::kLength);
+      std::memcpy(line + 18 + timestamp::kLength, "\n", 2);
       WriteString(line);
     }
-    WriteString(head);
-    WriteString(text);
-    if (needsLineEnd) WriteString("\n");
-    if (record->m_pAsn != nullptr) {
-      std::string asn;
-      FormatAsnTrace(record->m_pAsn, asn);
-      WriteString(asn.c_str());
-      WriteString("\n");
+    WriteBytes(head, headLen);
+    WriteBytes(text, textLen);
+    if (needsLineEnd) WriteBytes("\n", 1);
+    WriteBytes(asn.data(), asn.size());
+    if (m_nFileBytes > static_cast<int64_t>(m_nEachFileMaxSize)) {
+      FlushFileBatch();
+      if (!RollOver()) return false;
     }
-    m_pFile->flush();
-    if (m_nFileBytes > static_cast<int64_t>(m_nEachFileMaxSize) && !RollOver()) return false;
   }
   g_lastDay.store(day, std::memory_order_relaxed);
 
   if (record->m_bPrint) {
     // One piece per record, so that records of different writers may
     // interleave on the console but never split each other.
-    std::string out(head);
-    out.append(text, textLen);
-    if (needsLineEnd) out += '\n';
-    if (record->m_pAsn != nullptr) {
-      FormatAsnTrace(record->m_pAsn, out);
-      out += '\n';
+    try {
+      m_ConsoleBatch.append(head, headLen).append(text, textLen);
+      if (needsLineEnd) m_ConsoleBatch += '\n';
+      m_ConsoleBatch += asn;
+    } catch (...) {
+      return false;
     }
-    ACE_OS::printf("%s", out.c_str());
   }
   return true;
 }

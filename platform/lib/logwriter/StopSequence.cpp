@@ -1,22 +1,19 @@
 // StopSequence.cpp - deleting a writer.
 //
 // The writer thread is asked to stop behind the records already queued, so
-// those are written; the destructor then waits for the thread, counts and
-// drops what is left, and closes the file. Every wait here is bounded: the
-// writer thread notices a stop within 100 ms whether or not the end marker
-// reached the queue, and a marker that finds no room on a writer that cannot
-// write is given up after about a second.
+// those are written; the destructor then joins the thread, counts and drops
+// what is left, and closes the file. Every wait here is bounded: the writer
+// thread notices a stop within 100 ms whether or not the end marker reached
+// the queue, and a marker that finds no room on a writer that cannot write
+// is given up after about a second.
 #include <ace/ACE.h>
 #include <ace/OS_NS_stdio.h>
+#include <ace/Thread.h>
 
 #include "logwriter/RecordBlock.h"
 #include "logwriter/ToviLogRecord.h"
 #include "logwriter/ToviLogWriter.h"
 #include "port/ToviPort.h"
-
-namespace {
-constexpr unsigned kExitPollMs = 100;
-}
 
 void ToviLogWriter::ClearQueueAtStop(RecordQueue& queue, const char* failure) {
   while (queue.message_count() > 0) {
@@ -26,7 +23,7 @@ void ToviLogWriter::ClearQueueAtStop(RecordQueue& queue, const char* failure) {
       WriteString(failure);
       return;
     }
-    if (block != nullptr) delete UnwrapRecord(block);
+    recordblock::Release(block);
   }
 }
 
@@ -36,22 +33,17 @@ void ToviLogWriter::DiscardUnusedEndMarker() {
   ACE_Message_Block* head = nullptr;
   ACE_Time_Value now_or_never = ACE_Time_Value::zero;
   if (m_OutputQueue.peek_dequeue_head(head, &now_or_never) == -1 || head == nullptr) return;
-  const ToviLogRecord* record = reinterpret_cast<const ToviLogRecord*>(head->base());
-  if (record == nullptr || !record->IsEndMarker()) return;
-  if (m_OutputQueue.dequeue_head(head, &now_or_never) != -1) delete UnwrapRecord(head);
+  if (!recordblock::RecordIn(head)->IsEndMarker()) return;
+  if (m_OutputQueue.dequeue_head(head, &now_or_never) != -1) recordblock::Release(head);
 }
 
 ToviLogWriter::~ToviLogWriter() {
   m_bStopRequested.store(true, std::memory_order_release);
   if (m_bStarted) {
     try {
-      ToviLogRecord* marker = new (std::nothrow) ToviLogRecord();
-      ACE_Message_Block* block = marker != nullptr ? WrapRecord(marker) : nullptr;
-      if (block == nullptr || !EnqueueOutput(block)) {
-        delete block;
-        delete marker;
-      }
-      while (!m_bThreadExited.load(std::memory_order_acquire)) toviport::SleepMs(kExitPollMs);
+      ACE_Message_Block* marker = recordblock::Acquire(recordblock::RecordBytes(0));
+      if (marker != nullptr && !EnqueueOutput(marker)) recordblock::Release(marker);
+      ACE_Thread::join(m_hThread, nullptr);
       DiscardUnusedEndMarker();
 
       char stamp[512];

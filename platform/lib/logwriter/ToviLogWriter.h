@@ -2,16 +2,20 @@
 // the current log file.
 //
 // Tracing threads only build a record (AddLog) and queue it (PutRecord). The
-// writer's own thread takes the records in order and prints them and/or
-// writes them into time-stamped files, which roll over by size and are then
-// compressed and pruned. Records that nobody asked to see wait, a bounded
-// number of them, in the discard queue until an assertion brings them out.
+// writer's own thread takes the records in order, in batches, and prints
+// them and/or writes them into time-stamped files, which roll over by size
+// and are then compressed and pruned. Each batch reaches the kernel in one
+// write before the thread waits again. Records that nobody asked to see
+// wait, a bounded number of them, in the discard queue until an assertion
+// brings them out.
 //
 // Where the code lives:
 //   RecordQueue.cpp        PutRecord, FlushDiscardQueue (both queues)
+//   RecordBlock.cpp        the recycled blocks that carry records
 //   OutputThread.cpp       construction, StartThread, the writer thread
 //   StopSequence.cpp       the destructor
-//   LogFile.cpp            CreateLogFile, CloseLogFile, WriteString, names
+//   LogFile.cpp            CreateLogFile, CloseLogFile, WriteString, names,
+//                          handing the pending bytes to the kernel
 //   RecordWriter.cpp       WriteRecord, the date line and the roll-over
 //   ArchiveMaintenance.cpp MaintainArchives, GetLogFileType, RemoveOldZipFiles
 //   GzipArchive.cpp        CompressLogFile, GzipFile
@@ -21,15 +25,12 @@
 
 #include <atomic>
 #include <cstdint>
-#include <fstream>
 #include <string>
 
-#include <ace/Condition_Thread_Mutex.h>
-#include <ace/Message_Queue.h>
-#include <ace/Synch.h>
 #include <ace/Thread_Mutex.h>
 
 #include "ToviDebugMgr.h"
+#include "logwriter/RecordBatchQueue.h"
 
 class AsnType;
 class ToviLogRecord;
@@ -46,7 +47,8 @@ public:
   // Tracing threads.
   bool AddLog(const std::string& subModule, ToviLogLevel level, const char* text,
               const AsnType* asn, bool bPrint, bool bLog);
-  bool PutRecord(ToviLogRecord* record);
+  // Takes over a block made by recordblock::Acquire and queues its record.
+  bool PutRecord(ACE_Message_Block* block);
   std::string GetLogPath() const;
 
   bool StartThread();
@@ -57,6 +59,7 @@ public:
   bool CreateLogFile();
   void CloseLogFile();
   bool WriteString(const char* text);
+  bool WriteBytes(const char* data, std::size_t size);
   bool IsLogFileName(const char* name, int kind) const;
   bool WriteRecord(ToviLogRecord* record, bool fromDiscardQueue);
   void FormatAsnTrace(const AsnType* asn, std::string& out);
@@ -72,9 +75,17 @@ public:
   std::size_t DiscardQueueCount() { return m_DiscardQueue.message_count(); }
 
 private:
-  typedef ACE_Message_Queue<ACE_MT_SYNCH> RecordQueue;
+  typedef RecordBatchQueue RecordQueue;
 
   bool EnqueueOutput(ACE_Message_Block* block);
+  // Takes batches off m_OutputQueue until the end marker, or a stop with
+  // nothing left to write.
+  void DrainOutputQueue();
+  // Writes the records of a chain; true when it held the end marker.
+  bool WriteBatch(ACE_Message_Block* chain);
+  // Hands the pending file bytes, then the pending console text, on.
+  void FlushFileBatch();
+  void FlushConsoleBatch();
   bool RollOver();
   // Creates the next file, retrying once a second; false when a stop came
   // first.
@@ -90,7 +101,8 @@ private:
   std::string m_strPrefix;
   std::string m_strLogPath;
   std::string m_strHeader;
-  std::ofstream* m_pFile;
+  // The open log file, -1 when none.
+  int m_nFile;
   std::string m_strFirstFile;
   bool m_bAllPrint;
   bool m_bAllLog;
@@ -111,9 +123,13 @@ private:
   // The time that named the newest file of this writer, so that names never
   // repeat and keep ascending.
   int64_t m_nLastNameTime;
-  // Bytes in the current file, so that the size test after every record
-  // costs no system call.
+  // Bytes in the current file, pending ones included, so that the size test
+  // after every record costs no system call.
   int64_t m_nFileBytes;
+  // What the writer thread has formatted but not yet handed to the kernel.
+  std::string m_FileBatch;
+  std::string m_ConsoleBatch;
+  ACE_hthread_t m_hThread;
 };
 
 #endif

@@ -75,13 +75,35 @@ std::string FullDirPath(const std::string& dir) {
   return out;
 }
 
-CreateResult CreateNewFile(const std::string& path) {
-  const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
-  if (fd >= 0) {
-    ::close(fd);
-    return CreateResult::Created;
-  }
+CreateResult CreateNewFile(const std::string& path, int& fd) {
+  fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+  if (fd >= 0) return CreateResult::Created;
   return errno == EEXIST ? CreateResult::Exists : CreateResult::Failed;
+}
+
+bool WriteAll(int fd, const char* data, std::size_t size, std::size_t& written) {
+  written = 0;
+  while (written < size) {
+    const ssize_t n = ::write(fd, data + written, size - written);
+    if (n > 0) {
+      written += static_cast<std::size_t>(n);
+      continue;
+    }
+    if (n < 0 && errno == EINTR) continue;
+    if (n == 0) errno = EIO;
+    return false;
+  }
+  return true;
+}
+
+int64_t OpenFileSize(int fd) {
+  struct stat st;
+  if (::fstat(fd, &st) != 0) return -1;
+  return static_cast<int64_t>(st.st_size);
+}
+
+void CloseFile(int fd) {
+  if (fd >= 0) ::close(fd);
 }
 
 int RemoveFile(const char* path) {
@@ -132,6 +154,11 @@ void SleepMs(unsigned milliseconds) {
   ACE_OS::sleep(delay);
 }
 
+void SleepUs(unsigned microseconds) {
+  ACE_Time_Value delay(0, static_cast<suseconds_t>(microseconds));
+  ACE_OS::sleep(delay);
+}
+
 int PutString(const char* text, FILE* file) { return std::fputs(text, file); }
 
 int ConsolePrintf(const char* format, ...) {
@@ -140,6 +167,12 @@ int ConsolePrintf(const char* format, ...) {
   const int n = std::vprintf(format, args);
   va_end(args);
   return n;
+}
+
+void ConsoleWrite(const char* text, std::size_t size) {
+  if (size == 0) return;
+  std::fwrite(text, 1, size, stdout);
+  std::fflush(stdout);
 }
 
 }  // namespace toviport

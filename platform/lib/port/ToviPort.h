@@ -51,8 +51,18 @@ std::string FullDirPath(const std::string& dir);
 
 // Creates a new, empty file and never touches an existing one: Exists when
 // something of that name is there already, Failed for every other reason.
+// On Created, fd holds the file opened for writing.
 enum class CreateResult { Created, Exists, Failed };
-CreateResult CreateNewFile(const std::string& path);
+CreateResult CreateNewFile(const std::string& path, int& fd);
+
+// Writes all of data, going on after short writes and interruptions. False
+// on the first failure (errno kept); written says how much got through.
+bool WriteAll(int fd, const char* data, std::size_t size, std::size_t& written);
+
+// The size of an open file, or -1 when it cannot be read.
+int64_t OpenFileSize(int fd);
+
+void CloseFile(int fd);
 
 // Removes a file; 0 on success.
 int RemoveFile(const char* path);
@@ -80,10 +90,14 @@ uint32_t CurrentProcessId();
 
 // Suspends the calling thread.
 void SleepMs(unsigned milliseconds);
+void SleepUs(unsigned microseconds);
 
 // fputs and printf on the process's own streams.
 int PutString(const char* text, FILE* file);
 int ConsolePrintf(const char* format, ...) __attribute__((format(printf, 1, 2)));
+// Puts text on the process's standard output and hands it on at once, so
+// that console records are not held in the stream's buffer.
+void ConsoleWrite(const char* text, std::size_t size);
 
 }  // namespace toviport
 
