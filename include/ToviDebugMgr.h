@@ -24,6 +24,7 @@ class AsnType;
 class ToviDebugEngine;
 class ToviInterString;
 class ToviLogWriter;
+class SubModuleIndex;
 class SubModuleInfo;
 
 // The level of a message, and the number of its bit in a level mask. Levels 4
@@ -117,6 +118,8 @@ private:
   std::atomic<ToviLogWriter*> m_pMainWriter;
   ACE_RW_Thread_Mutex m_RegistryLock;
   std::map<std::string, SubModuleInfo*> m_SubModuleMap;
+  // The same entries, for lookups that take no lock.
+  SubModuleIndex* m_pSubModuleIndex;
   std::string m_strDefSubModuleName;
   ToviLogLevel m_nDefLogLevel;
   std::map<std::string, ToviLogWriter*> m_WriterTable;

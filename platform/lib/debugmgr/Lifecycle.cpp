@@ -8,6 +8,7 @@
 
 #include "ToviDebugEngine.h"
 #include "ToviDebugMgr.h"
+#include "debugmgr/SubModuleIndex.h"
 #include "debugmgr/SubModuleInfo.h"
 #include "logwriter/ToviLogWriter.h"
 #include "port/ToviPort.h"
@@ -22,6 +23,7 @@ ToviDebugMgr::ToviDebugMgr()
       m_bTraceOff(false),
       m_pDebugEngine(nullptr),
       m_pMainWriter(nullptr),
+      m_pSubModuleIndex(new (std::nothrow) SubModuleIndex("debug")),
       m_nDefLogLevel(LEVEL_INFO) {}
 
 ToviDebugMgr* ToviDebugMgr::Instance() {
@@ -62,6 +64,8 @@ ToviDebugMgr::~ToviDebugMgr() {
     m_pMainWriter.store(nullptr, std::memory_order_release);
   }
 
+  delete m_pSubModuleIndex;
+  m_pSubModuleIndex = nullptr;
   for (auto& entry : m_SubModuleMap) delete entry.second;
   m_SubModuleMap.clear();
 }

@@ -1,14 +1,16 @@
 // Registry.cpp - the sub-modules with their level and output masks.
 //
-// Lookups share the registry lock for reading, so trace calls of many
-// threads look up at once; every change holds it for writing. An entry, once
-// made, stays until the manager is destroyed.
+// Lookups go through the lock-free index, so trace calls of many threads
+// look up at once without touching a shared line; every change holds the
+// registry lock for writing. An entry, once made, stays until the manager is
+// destroyed.
 #include <map>
 #include <string>
 
 #include <ace/Guard_T.h>
 
 #include "ToviDebugMgr.h"
+#include "debugmgr/SubModuleIndex.h"
 #include "debugmgr/SubModuleInfo.h"
 
 namespace {
@@ -40,8 +42,7 @@ bool ToviDebugMgr::RegSubModuleInfo_i(const std::string& name, const std::bitset
   if (name.empty()) return false;
   auto found = m_SubModuleMap.find(name);
   if (found != m_SubModuleMap.end()) {
-    found->second->SetLevelMask(level);
-    found->second->SetOutputMask(output);
+    found->second->SetMasks(level, output);
     return true;
   }
 
@@ -50,25 +51,34 @@ bool ToviDebugMgr::RegSubModuleInfo_i(const std::string& name, const std::bitset
   if (bUseDebugDefault && !GetSubModuleInfo_i(kDefaultSubModule, newLevel, newOutput)) {
     return false;
   }
-  SubModuleInfo* entry = new (std::nothrow) SubModuleInfo(newLevel, newOutput);
+  if (m_pSubModuleIndex == nullptr) return false;
+  SubModuleInfo* entry = new (std::nothrow) SubModuleInfo(name, newLevel, newOutput);
   if (entry == nullptr) return false;
-  m_SubModuleMap[name] = entry;
+  try {
+    m_SubModuleMap[name] = entry;
+  } catch (...) {
+    delete entry;
+    return false;
+  }
+  if (!m_pSubModuleIndex->Insert(entry)) {
+    m_SubModuleMap.erase(name);
+    delete entry;
+    return false;
+  }
   return true;
 }
 
 bool ToviDebugMgr::GetSubModuleInfo(const std::string& name, std::bitset<32>& level,
                                     std::bitset<32>& output) {
-  ACE_Read_Guard<ACE_RW_Thread_Mutex> guard(m_RegistryLock);
-  if (!guard.locked()) return false;
   return GetSubModuleInfo_i(name, level, output);
 }
 
 bool ToviDebugMgr::GetSubModuleInfo_i(const std::string& name, std::bitset<32>& level,
                                       std::bitset<32>& output) {
-  auto found = m_SubModuleMap.find(name);
-  if (found == m_SubModuleMap.end()) return false;
-  level = found->second->m_LevelMask;
-  output = found->second->m_OutputMask;
+  if (m_pSubModuleIndex == nullptr) return false;
+  const SubModuleInfo* entry = m_pSubModuleIndex->Find(name);
+  if (entry == nullptr) return false;
+  entry->Load(level, output);
   return true;
 }
 
@@ -93,7 +103,7 @@ bool ToviDebugMgr::GetAllModuleInfo(
   ACE_Read_Guard<ACE_RW_Thread_Mutex> guard(m_RegistryLock);
   if (!guard.locked() || !m_bInit.load(std::memory_order_acquire)) return false;
   for (const auto& entry : m_SubModuleMap) {
-    items[entry.first] = {entry.second->m_LevelMask, entry.second->m_OutputMask};
+    entry.second->Load(items[entry.first].first, items[entry.first].second);
   }
   return true;
 }
@@ -108,8 +118,7 @@ bool ToviDebugMgr::SetAllModuleInfo(const std::bitset<32>& level, const std::bit
     return false;
   }
   for (auto& entry : m_SubModuleMap) {
-    entry.second->SetLevelMask(newLevel);
-    entry.second->SetOutputMask(newOutput);
+    entry.second->SetMasks(newLevel, newOutput);
   }
   return true;
 }

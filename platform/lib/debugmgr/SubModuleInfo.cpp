@@ -1,31 +1,64 @@
-// SubModuleInfo.cpp - the four mask setters of a registry entry.
+// SubModuleInfo.cpp - the masks of a registry entry.
 #include "debugmgr/SubModuleInfo.h"
 
-#include <ace/Guard_T.h>
+namespace {
+uint32_t Low(uint64_t masks) { return static_cast<uint32_t>(masks); }
+uint32_t High(uint64_t masks) { return static_cast<uint32_t>(masks >> 32); }
+uint32_t Bits(const std::bitset<32>& mask) { return static_cast<uint32_t>(mask.to_ulong()); }
+}  // namespace
 
-SubModuleInfo::SubModuleInfo(const std::bitset<32>& level, const std::bitset<32>& output)
-    : m_LevelMask(level), m_OutputMask(output) {}
+SubModuleInfo::SubModuleInfo(const std::string& name, const std::bitset<32>& level,
+                             const std::bitset<32>& output)
+    : m_strName(name),
+      m_nHash(HashOf(name)),
+      m_nMasks(static_cast<uint64_t>(Bits(output)) << 32 | Bits(level)) {}
 
-template <typename Change>
-bool SubModuleInfo::Locked(Change change) {
-  ACE_Write_Guard<ACE_RW_Thread_Mutex> guard(m_Lock);
-  if (!guard.locked()) return false;
-  change();
-  return true;
+uint64_t SubModuleInfo::HashOf(const std::string& name) {
+  // FNV-1a: a few instructions per byte, and names are short.
+  uint64_t hash = 14695981039346656037ull;
+  for (const char c : name) {
+    hash ^= static_cast<unsigned char>(c);
+    hash *= 1099511628211ull;
+  }
+  return hash;
 }
 
-bool SubModuleInfo::SetLevelMask(const std::bitset<32>& mask) {
-  return Locked([&] { m_LevelMask = mask; });
+void SubModuleInfo::Load(std::bitset<32>& level, std::bitset<32>& output) const {
+  const uint64_t masks = m_nMasks.load(std::memory_order_acquire);
+  level = std::bitset<32>(Low(masks));
+  output = std::bitset<32>(High(masks));
 }
 
-bool SubModuleInfo::SetOutputMask(const std::bitset<32>& mask) {
-  return Locked([&] { m_OutputMask = mask; });
+void SubModuleInfo::Store(uint32_t level, uint32_t output) {
+  m_nMasks.store(static_cast<uint64_t>(output) << 32 | level, std::memory_order_release);
+}
+
+void SubModuleInfo::SetMasks(const std::bitset<32>& level, const std::bitset<32>& output) {
+  Store(Bits(level), Bits(output));
+}
+
+void SubModuleInfo::SetLevelMask(const std::bitset<32>& mask) {
+  Store(Bits(mask), High(m_nMasks.load(std::memory_order_relaxed)));
+}
+
+void SubModuleInfo::SetOutputMask(const std::bitset<32>& mask) {
+  Store(Low(m_nMasks.load(std::memory_order_relaxed)), Bits(mask));
 }
 
 bool SubModuleInfo::SetLevelBit(unsigned n, bool on) {
-  return n < 32 && Locked([&] { m_LevelMask.set(n, on); });
+  if (n >= 32) return false;
+  std::bitset<32> level;
+  std::bitset<32> output;
+  Load(level, output);
+  SetLevelMask(level.set(n, on));
+  return true;
 }
 
 bool SubModuleInfo::SetOutputBit(unsigned n, bool on) {
-  return n < 32 && Locked([&] { m_OutputMask.set(n, on); });
+  if (n >= 32) return false;
+  std::bitset<32> level;
+  std::bitset<32> output;
+  Load(level, output);
+  SetOutputMask(output.set(n, on));
+  return true;
 }

@@ -1,35 +1,46 @@
 // SubModuleInfo.h - the registry entry of one sub-module: which levels it
 // logs and where they go.
 //
-// Masks change only under the manager's registry lock held for writing, and
-// lookups read them under that lock held for reading; the entry's own lock
-// additionally serialises the changes themselves.
+// Both masks live in one atomic word, so a trace call reads them with one
+// load and no lock, and never sees one mask of an old setting beside the
+// other of a new one. Changes are made under the manager's registry lock.
 #ifndef TOVI_DEBUGMGR_SUBMODULEINFO_H
 #define TOVI_DEBUGMGR_SUBMODULEINFO_H
 
+#include <atomic>
 #include <bitset>
-
-#include <ace/RW_Thread_Mutex.h>
+#include <cstdint>
+#include <string>
 
 class SubModuleInfo {
 public:
-  SubModuleInfo(const std::bitset<32>& level, const std::bitset<32>& output);
+  SubModuleInfo(const std::string& name, const std::bitset<32>& level,
+                const std::bitset<32>& output);
   SubModuleInfo(const SubModuleInfo&) = delete;
   SubModuleInfo& operator=(const SubModuleInfo&) = delete;
 
-  bool SetLevelMask(const std::bitset<32>& mask);
-  bool SetOutputMask(const std::bitset<32>& mask);
+  const std::string& Name() const { return m_strName; }
+  uint64_t Hash() const { return m_nHash; }
+
+  void Load(std::bitset<32>& level, std::bitset<32>& output) const;
+
+  // Changes; the registry lock held for writing serialises them.
+  void SetMasks(const std::bitset<32>& level, const std::bitset<32>& output);
+  void SetLevelMask(const std::bitset<32>& mask);
+  void SetOutputMask(const std::bitset<32>& mask);
   bool SetLevelBit(unsigned n, bool on);
   bool SetOutputBit(unsigned n, bool on);
 
-  ACE_RW_Thread_Mutex m_Lock;
-  std::bitset<32> m_LevelMask;
-  std::bitset<32> m_OutputMask;
+  // The hash that the index files a name under.
+  static uint64_t HashOf(const std::string& name);
 
 private:
-  // Runs change with m_Lock held for writing; false when it cannot be taken.
-  template <typename Change>
-  bool Locked(Change change);
+  void Store(uint32_t level, uint32_t output);
+
+  const std::string m_strName;
+  const uint64_t m_nHash;
+  // Level mask in the low half, output mask in the high half.
+  std::atomic<uint64_t> m_nMasks;
 };
 
 #endif

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include <ace/Guard_T.h>
+#include <ace/Malloc_Allocator.h>
 #include <ace/Thread_Mutex.h>
 
 namespace recordblock {
@@ -36,13 +37,40 @@ int ClassOfBlock(const ACE_Message_Block* block) {
   return -1;
 }
 
+// A block is one allocation: its data block first, its message block next,
+// then the data. ACE releases a message block before its data block, so the
+// data block's allocator is the one that frees the whole allocation, and the
+// message block's allocator frees nothing.
+class WholeBlockAllocator : public ACE_New_Allocator {
+public:
+  void free(void* dataBlock) override { ::operator delete(dataBlock); }
+};
+class PartOfBlockAllocator : public ACE_New_Allocator {
+public:
+  void free(void*) override {}
+};
+
+// Never destroyed, like the shared store: blocks refer to them to the end.
+ACE_Allocator* WholeBlock() {
+  static ACE_Allocator* allocator = new WholeBlockAllocator;
+  return allocator;
+}
+ACE_Allocator* PartOfBlock() {
+  static ACE_Allocator* allocator = new PartOfBlockAllocator;
+  return allocator;
+}
+
+constexpr std::size_t RoundUp(std::size_t n) { return (n + 15) & ~static_cast<std::size_t>(15); }
+constexpr std::size_t kMessageBlockAt = RoundUp(sizeof(ACE_Data_Block));
+constexpr std::size_t kDataAt = kMessageBlockAt + RoundUp(sizeof(ACE_Message_Block));
+
 ACE_Message_Block* NewBlock(std::size_t size) {
-  ACE_Message_Block* block = new (std::nothrow) ACE_Message_Block(size);
-  if (block != nullptr && block->base() == nullptr) {
-    delete block;
-    return nullptr;
-  }
-  return block;
+  char* whole = static_cast<char*>(::operator new(kDataAt + size, std::nothrow));
+  if (whole == nullptr) return nullptr;
+  ACE_Data_Block* data = new (whole)
+      ACE_Data_Block(size, ACE_Message_Block::MB_DATA, whole + kDataAt, PartOfBlock(), nullptr,
+                     ACE_Message_Block::DONT_DELETE, WholeBlock());
+  return new (whole + kMessageBlockAt) ACE_Message_Block(data, 0, PartOfBlock());
 }
 
 struct SharedStore {
@@ -85,37 +113,68 @@ void GiveShared(int c, ACE_Message_Block* const* in, std::size_t n) {
       // No room to remember it: the block is freed below instead.
     }
   }
-  for (std::size_t i = kept; i < n; ++i) delete in[i];
+  for (std::size_t i = kept; i < n; ++i) in[i]->release();
 }
 
 struct LocalCache {
   ACE_Message_Block* blocks[kClasses][64] = {};
   std::size_t count[kClasses] = {};
-
-  LocalCache() = default;
-  LocalCache(const LocalCache&) = delete;
-  LocalCache& operator=(const LocalCache&) = delete;
-  ~LocalCache() {
-    for (int c = 0; c < kClasses; ++c) GiveShared(c, blocks[c], count[c]);
-  }
 };
-thread_local LocalCache t_cache;
+
+// Hands a thread's blocks back to the shared store when the thread ends.
+struct LocalCacheOwner {
+  LocalCache* cache = nullptr;
+  LocalCacheOwner() = default;
+  LocalCacheOwner(const LocalCacheOwner&) = delete;
+  LocalCacheOwner& operator=(const LocalCacheOwner&) = delete;
+  ~LocalCacheOwner();
+};
+thread_local LocalCacheOwner t_cacheOwner;
+// The pointer alone sits in the static thread-local block, so the hot path
+// reaches it without a call into the dynamic loader.
+thread_local LocalCache* t_cache __attribute__((tls_model("initial-exec"))) = nullptr;
+// Set once the thread's cache went back: whatever the thread releases in its
+// last moments goes straight to the shared store.
+thread_local bool t_cacheGone __attribute__((tls_model("initial-exec"))) = false;
+
+LocalCacheOwner::~LocalCacheOwner() {
+  if (cache == nullptr) return;
+  for (int c = 0; c < kClasses; ++c) GiveShared(c, cache->blocks[c], cache->count[c]);
+  delete cache;
+  t_cache = nullptr;
+  t_cacheGone = true;
+}
+
+LocalCache* Local() {
+  LocalCache* cache = t_cache;
+  if (cache != nullptr || t_cacheGone) return cache;
+  cache = new (std::nothrow) LocalCache;
+  if (cache == nullptr) return nullptr;
+  t_cacheOwner.cache = cache;
+  t_cache = cache;
+  return cache;
+}
 
 ACE_Message_Block* TakePooled(int c) {
-  LocalCache& cache = t_cache;
-  if (cache.count[c] == 0) cache.count[c] = TakeShared(c, cache.blocks[c], kLocalCap[c] / 2);
-  if (cache.count[c] == 0) return NewBlock(kBlockSizes[c]);
-  return cache.blocks[c][--cache.count[c]];
+  LocalCache* cache = Local();
+  if (cache == nullptr) return NewBlock(kBlockSizes[c]);
+  if (cache->count[c] == 0) cache->count[c] = TakeShared(c, cache->blocks[c], kLocalCap[c] / 2);
+  if (cache->count[c] == 0) return NewBlock(kBlockSizes[c]);
+  return cache->blocks[c][--cache->count[c]];
 }
 
 void GivePooled(int c, ACE_Message_Block* block) {
-  LocalCache& cache = t_cache;
-  if (cache.count[c] == kLocalCap[c]) {
-    const std::size_t half = kLocalCap[c] / 2;
-    cache.count[c] -= half;
-    GiveShared(c, cache.blocks[c] + cache.count[c], half);
+  LocalCache* cache = Local();
+  if (cache == nullptr) {
+    GiveShared(c, &block, 1);
+    return;
   }
-  cache.blocks[c][cache.count[c]++] = block;
+  if (cache->count[c] == kLocalCap[c]) {
+    const std::size_t half = kLocalCap[c] / 2;
+    cache->count[c] -= half;
+    GiveShared(c, cache->blocks[c] + cache->count[c], half);
+  }
+  cache->blocks[c][cache->count[c]++] = block;
 }
 
 }  // namespace
@@ -136,7 +195,7 @@ void Release(ACE_Message_Block* block) {
   block->prev(nullptr);
   const int c = ClassOfBlock(block);
   if (c < 0) {
-    delete block;
+    block->release();
     return;
   }
   GivePooled(c, block);

@@ -26,8 +26,7 @@ constexpr int kStalledSlices = 10;
 
 bool ToviLogWriter::EnqueueOutput(ACE_Message_Block* block) {
   // The common case: there is room, and no clock is read.
-  ACE_Time_Value now_or_never = ACE_Time_Value::zero;
-  if (m_OutputQueue.enqueue_tail(block, &now_or_never) != -1) return true;
+  if (m_OutputQueue.enqueue_record(block) != -1) return true;
 
   int stalledSlices = 0;
   for (;;) {

@@ -18,7 +18,7 @@ struct SecondText {
   bool valid = false;
   char text[40] = {};
 };
-thread_local SecondText t_second;
+thread_local SecondText t_second __attribute__((tls_model("initial-exec")));
 
 // The seconds part exactly as ACE::timestamp formats it.
 void FormatSecond(time_t second, SecondText& cache) {
@@ -47,10 +47,15 @@ void Format(const ACE_Time_Value& now, char* out) {
   }
   std::memcpy(out, cache.text, kSecondLength);
   out[kSecondLength] = '.';
-  long micros = static_cast<long>(now.usec());
-  for (int i = kLength - 1; i > kSecondLength; --i) {
-    out[i] = static_cast<char>('0' + micros % 10);
-    micros /= 10;
+  // Six digits, two at a time.
+  static const char kPairs[] =
+      "00010203040506070809101112131415161718192021222324252627282930313233343536373839"
+      "40414243444546474849505152535455565758596061626364656667686970717273747576777879"
+      "8081828384858687888990919293949596979899";
+  unsigned micros = static_cast<unsigned>(now.usec());
+  for (int i = kLength - 2; i > kSecondLength; i -= 2) {
+    std::memcpy(out + i, kPairs + 2 * (micros % 100), 2);
+    micros /= 100;
   }
   out[kLength] = '\0';
 }

@@ -133,7 +133,7 @@ std::size_t FormatTime(char* buf, std::size_t size, const char* format, const st
 }
 
 namespace {
-thread_local uint32_t t_threadId = 0;
+thread_local uint32_t t_threadId __attribute__((tls_model("initial-exec"))) = 0;
 
 // A forked child's only thread inherits the parent thread's remembered id.
 void ForgetThreadIdInChild() { t_threadId = 0; }

@@ -47,10 +47,10 @@ bool ToviLogWriter::AddLog(const std::string& subModule, ToviLogLevel level, con
   ACE_Message_Block* block = recordblock::Acquire(bytes);
   if (block == nullptr) return false;
 
-  ToviLogRecord* record = recordblock::RecordIn(block);
-  char* stamp = block->base() + sizeof(ToviLogRecord);
+  char* const base = block->base();
+  char* const stamp = base + sizeof(ToviLogRecord);
+  char* const body = stamp + recordblock::kTimeStampSize;
   timestamp::FormatNow(stamp);
-  char* body = stamp + recordblock::kTimeStampSize;
   char* p = body;
   std::memcpy(p, subModule.data(), nameLen);
   p += nameLen;
@@ -61,6 +61,7 @@ bool ToviLogWriter::AddLog(const std::string& subModule, ToviLogLevel level, con
   p[messageLen] = '\0';
   block->wr_ptr(bytes);
 
+  ToviLogRecord* record = reinterpret_cast<ToviLogRecord*>(base);
   record->m_pTime = stamp;
   record->m_pText = body;
   record->m_nTextLen = static_cast<uint32_t>(textLen);

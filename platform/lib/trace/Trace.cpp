@@ -4,9 +4,9 @@
 // The tests come in a fixed order: initialised, engine, trace-off, writer,
 // arguments. Then the sub-module's masks may widen (never narrow) the
 // caller's console and file demands, and the writer's AddLog builds and
-// queues the record. Nothing here touches a file or the console, and the
-// only locks are the registry's reader lock inside the lookups and, for a
-// new application name, the writer table's.
+// queues the record. Nothing here touches a file or the console; the lookup
+// takes no lock, and the only locks are the queue's and, for application
+// writers, the writer table's.
 #include <bitset>
 #include <cstdio>
 #include <new>
@@ -19,6 +19,8 @@
 #include "ToviDebugEngine.h"
 #include "ToviDebugMgr.h"
 #include "debugmgr/NameRules.h"
+#include "debugmgr/SubModuleIndex.h"
+#include "debugmgr/SubModuleInfo.h"
 #include "logwriter/ToviLogWriter.h"
 
 namespace {
@@ -29,16 +31,14 @@ bool ValidLevel(ToviLogLevel level) { return level >= 0 && level <= 31; }
 
 // Adds the outputs of the sub-module (or of "debug" when it is not
 // registered) to the caller's, when the sub-module logs this level.
-void WidenOutputs(ToviDebugMgr& manager, const std::string& subModule, ToviLogLevel level,
+void WidenOutputs(const SubModuleIndex* index, const std::string& subModule, ToviLogLevel level,
                   bool& bPrint, bool& bLog) {
-  if (bPrint && bLog) return;
-  static const std::string kFallback("debug");
+  if ((bPrint && bLog) || index == nullptr) return;
+  const SubModuleInfo* entry = index->FindOrFallback(subModule);
+  if (entry == nullptr) return;
   std::bitset<32> levels;
   std::bitset<32> outputs;
-  if (!manager.GetSubModuleInfo(subModule, levels, outputs) &&
-      !manager.GetSubModuleInfo(kFallback, levels, outputs)) {
-    return;
-  }
+  entry->Load(levels, outputs);
   if (!levels.test(static_cast<std::size_t>(level))) return;
   bPrint = bPrint || outputs.test(OUTPUT_CONSOLE);
   bLog = bLog || outputs.test(OUTPUT_FILE);
@@ -61,7 +61,7 @@ bool ToviDebugMgr::Trace(const std::string& subModule, ToviLogLevel level, const
   if (writer == nullptr) return false;
   if (text == nullptr || !ValidLevel(level)) return false;
 
-  WidenOutputs(*this, subModule, level, bPrint, bLog);
+  WidenOutputs(m_pSubModuleIndex, subModule, level, bPrint, bLog);
   return writer->AddLog(subModule, level, text, asn, bPrint, bLog);
 }
 
@@ -136,6 +136,6 @@ bool ToviDebugMgr::AppTrace(const std::string& subModule, ToviLogLevel level, co
     }
   }
 
-  WidenOutputs(*this, subModule, level, bPrint, bLog);
+  WidenOutputs(m_pSubModuleIndex, subModule, level, bPrint, bLog);
   return writer->AddLog(subModule, level, text, asn, bPrint, bLog);
 }
