@@ -166,7 +166,7 @@ TEST(LogWriterFault, ProducersWaitForAStalledLiveWriter) {
       if (writer->AddLog("fault", LEVEL_INFO, text.c_str(), nullptr, true, true)) ++accepted;
     }
   });
-  const bool filled = WaitUntil([&] { return writer->OutputQueueCount() >= kQueueRecords; },
+  const bool filled = WaitUntil([&] { return writer->OutputQueueFull(); },
                                 std::chrono::seconds(60));
   // Longer than a producer would wait for a writer that cannot write.
   std::this_thread::sleep_for(std::chrono::milliseconds(1500));

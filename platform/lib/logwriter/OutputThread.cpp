@@ -24,7 +24,7 @@ namespace {
 // How often the idle writer thread looks at the stop flag, so that a stop
 // never depends on an end marker reaching the queue.
 const ACE_Time_Value kIdleWake(0, 100 * 1000);
-// The record bytes taken off the queue at once.
+// The record bytes written between two hand-overs to the kernel.
 constexpr std::size_t kBatchRecordBytes = 64 * 1024;
 // The nap after a batch that emptied the queue.
 constexpr unsigned kDryNapUs = 500;
@@ -144,7 +144,7 @@ void ToviLogWriter::DrainOutputQueue() {
     }
     ACE_Message_Block* chain = nullptr;
     ACE_Time_Value wait = dry ? ACE_OS::gettimeofday() + kIdleWake : ACE_Time_Value::zero;
-    if (m_OutputQueue.dequeue_batch(chain, kBatchRecordBytes, &wait) == -1) {
+    if (m_OutputQueue.dequeue_all(chain, &wait) == -1) {
       if (errno == EWOULDBLOCK) {
         if (!dry) toviport::SleepUs(kDryNapUs);
         dry = true;
@@ -156,33 +156,45 @@ void ToviLogWriter::DrainOutputQueue() {
       continue;
     }
     dry = false;
-    const bool ended = WriteBatch(chain);
-    FlushFileBatch();
-    FlushConsoleBatch();
-    if (ended) return;
+    if (WriteBatch(chain)) return;
   }
 }
 
 bool ToviLogWriter::WriteBatch(ACE_Message_Block* chain) {
+  // What was written since the last hand-over, in queue bytes and lengths.
+  std::size_t bytes = 0;
+  std::size_t length = 0;
+  const auto handOver = [&] {
+    FlushFileBatch();
+    FlushConsoleBatch();
+    m_OutputQueue.release_bytes(bytes, length);
+    bytes = length = 0;
+  };
   for (ACE_Message_Block* block = chain; block != nullptr;) {
     ACE_Message_Block* next = block->next();
     block->next(nullptr);
+    bytes += block->size();
+    length += block->length();
     ToviLogRecord* record = recordblock::RecordIn(block);
-    if (record->IsEndMarker()) {
-      recordblock::Release(block);
+    const bool ended = record->IsEndMarker();
+    if (ended) {
       // What was queued behind the marker stays for the stop sequence to
       // count.
       if (next != nullptr) m_OutputQueue.requeue_head(next);
-      return true;
-    }
-    if (record->HasData()) {
+    } else if (record->HasData()) {
       WriteRecord(record, false);
     } else {
       WriteString("can't get output data\n");
     }
     recordblock::Release(block);
+    if (ended) {
+      handOver();
+      return true;
+    }
+    if (length >= kBatchRecordBytes) handOver();
     block = next;
   }
+  handOver();
   return false;
 }
 

@@ -49,10 +49,13 @@ public:
     return static_cast<int>(this->cur_count_);
   }
 
-  // Takes the oldest blocks into a chain linked through next(): at least one,
-  // then more while their data stays within maxBytes. Waits for the first
-  // until timeout (null: no limit). -1 with errno as dequeue_head gives it.
-  int dequeue_batch(ACE_Message_Block*& first, std::size_t maxBytes, ACE_Time_Value* timeout) {
+  // Takes every queued block into a chain linked through next(), waiting
+  // for the first until timeout (null: no limit); how many, or -1 with errno
+  // as dequeue_head gives it. The lock is held for a moment whatever the
+  // count, so producers never queue up behind the writer. The blocks stay
+  // counted against the water mark until release_bytes says that the writer
+  // is done with them, so what the writer holds is bounded with the queue.
+  int dequeue_all(ACE_Message_Block*& first, ACE_Time_Value* timeout) {
     ACE_GUARD_RETURN(ACE_Thread_Mutex, guard, this->lock_, -1);
     if (this->state_ == ACE_Message_Queue_Base::DEACTIVATED) {
       errno = ESHUTDOWN;
@@ -62,34 +65,46 @@ public:
     const int waited = this->wait_not_empty_cond(timeout);
     consumerWaiting_ = false;
     if (waited == -1) return -1;
-    first = nullptr;
-    ACE_Message_Block* last = nullptr;
-    std::size_t bytes = 0;
-    int taken = 0;
-    while (this->head_ != nullptr && (taken == 0 || bytes + this->head_->length() <= maxBytes)) {
-      ACE_Message_Block* block = nullptr;
-      if (this->dequeue_head_i(block) == -1) break;
-      bytes += block->length();
-      if (last == nullptr) {
-        first = block;
-      } else {
-        last->next(block);
-      }
-      last = block;
-      ++taken;
-    }
+    first = this->head_;
+    const int taken = static_cast<int>(this->cur_count_);
+    this->head_ = this->tail_ = nullptr;
+    this->cur_count_ = 0;
     return taken;
   }
 
-  // Puts a chain back at the head, in order, whether or not the queue is
-  // full: these blocks were counted in it already.
+  // Gives back the water-mark room of blocks that dequeue_all handed out.
+  void release_bytes(std::size_t bytes, std::size_t length) {
+    ACE_GUARD(ACE_Thread_Mutex, guard, this->lock_);
+    this->cur_bytes_ -= bytes;
+    this->cur_length_ -= length;
+    if (this->cur_bytes_ <= this->low_water_mark_) this->not_full_cond_.broadcast();
+  }
+
+  // Puts a chain from dequeue_all back at the head, in order, whether or not
+  // the queue is full: its bytes are still counted.
   int requeue_head(ACE_Message_Block* chain) {
     ACE_GUARD_RETURN(ACE_Thread_Mutex, guard, this->lock_, -1);
-    return this->enqueue_head_i(chain);
+    ACE_Message_Block* last = chain;
+    std::size_t count = 1;
+    for (; last->next() != nullptr; last = last->next()) {
+      last->next()->prev(last);
+      ++count;
+    }
+    chain->prev(nullptr);
+    last->next(this->head_);
+    if (this->head_ != nullptr) {
+      this->head_->prev(last);
+    } else {
+      this->tail_ = last;
+    }
+    this->head_ = chain;
+    this->cur_count_ += count;
+    this->not_empty_cond_.signal();
+    return static_cast<int>(this->cur_count_);
   }
 
 private:
-  // True while the writer thread waits in dequeue_batch; read and written
+  // True while the writer thread waits in dequeue_all; read and written
   // under the queue's lock.
   bool consumerWaiting_ = false;
 };

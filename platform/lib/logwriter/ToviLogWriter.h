@@ -70,7 +70,10 @@ public:
   static int GzipFile(const std::string& source, const std::string& target);
   void RemoveOldZipFiles();
 
-  // Records waiting in each queue.
+  // True when producers must wait for room: the queued records and those the
+  // writer thread holds fill the water mark.
+  bool OutputQueueFull() { return m_OutputQueue.is_full(); }
+  // Records waiting in each queue (not yet taken by the writer thread).
   std::size_t OutputQueueCount() { return m_OutputQueue.message_count(); }
   std::size_t DiscardQueueCount() { return m_DiscardQueue.message_count(); }
 
