@@ -17,6 +17,7 @@ bool WriteDebugConfig(const peerbench::fs::path& root) {
   peerbench::fs::create_directories(conf, ec);
   std::ofstream out(conf / "default_debug.cfg");
   out << "nEachProcessMaxZipNum=50\n";
+  if (const char* size = std::getenv("BENCH_FILE_MB")) out << "nEachFileMaxSize=" << size << "\n";
   return static_cast<bool>(out.flush());
 }
 

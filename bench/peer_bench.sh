@@ -10,7 +10,7 @@ root=$(cd "$(dirname "$0")/.." && pwd)
 
 calls=200000
 threads="1 2 4"
-callgrind_calls=20000
+callgrind_calls="20000 200000"
 
 usage() {
   echo "usage: $0 [--calls N] [--threads \"1 2 4\"] [--quick]" >&2
@@ -101,9 +101,10 @@ printf '%s\n' "${rows[@]}"
 # switch per thread: the writer thread never enters Trace, so what is counted
 # is the caller's own work. Heap allocations are the calls to the C
 # allocator made in there; operator new ends in malloc, so it is not counted
-# again.
+# again. A short run is mostly the pool's warm-up (every block is new while
+# the queue fills); a long one shows the steady state of a running process.
 callgrind_trace() {
-  local work out
+  local callgrind_calls=$1 work out
   work=$(mktemp -d)
   out=$work/callgrind.out
   if ! valgrind --tool=callgrind --toggle-collect='ToviDebugMgr::Trace*' --callgrind-out-file="$out" \
@@ -133,7 +134,9 @@ callgrind_trace() {
 }
 
 if command -v valgrind >/dev/null; then
-  echo "callgrind: $callgrind_calls Trace calls on one thread" >&2
-  callgrind_trace
+  for n in $callgrind_calls; do
+    echo "callgrind: $n Trace calls on one thread" >&2
+    callgrind_trace "$n"
+  done
 fi
 exit "$failed"

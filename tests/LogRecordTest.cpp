@@ -3,13 +3,18 @@
 // brings out.
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+#include <ctime>
 #include <memory>
 #include <string>
 #include <thread>
 #include <tuple>
 #include <vector>
 
+#include <ace/ACE.h>
+
 #include "WriterTestSupport.h"
+#include "logwriter/TimeStamp.h"
 #include "logwriter/ToviLogWriter.h"
 #include "port/ToviPort.h"
 
@@ -124,4 +129,37 @@ TEST(LogRecord, AssertionBringsOutTheHeldBackRecords) {
     EXPECT_TRUE(writer.AddLog("M", LEVEL_ASSERT, "boom", nullptr, false, true));
   }
   EXPECT_EQ(RecordTexts(OnlyLog(none.path())), std::vector<std::string>{"M ASSERT: boom"});
+}
+
+// The time stamp comes from a per-thread cache of the current second; its
+// bytes must be ACE's to the last digit, across second, day and zone-offset
+// changes (a spring-forward night in a zone east of UTC), and when the clock
+// steps back.
+TEST(LogRecord, TimeStampIsAcesToTheByte) {
+  const char* saved = std::getenv("TZ");
+  const std::string savedTz = saved != nullptr ? saved : "";
+  ::setenv("TZ", "CET-1CEST,M3.5.0,M10.5.0/3", 1);
+  ::tzset();
+  // 2026-03-28 22:59:00 UTC: local midnight, then the jump from 02:00 to 03:00.
+  const time_t start = 1774738740;
+  int checked = 0;
+  for (long step = 0; step < 40000; ++step) {
+    // Strides that land on every microsecond pattern and cross each second
+    // several times; every seventh call goes back in time.
+    const long offset = step % 7 == 6 ? -step * 137 : step * 271351;
+    const ACE_Time_Value when(start + offset / 1000000, offset % 1000000 < 0 ? 0 : offset % 1000000);
+    char ours[timestamp::kLength + 1];
+    char ace[40];
+    timestamp::Format(when, ours);
+    ACE::timestamp(when, ace, sizeof ace, false);
+    ASSERT_STREQ(ours, ace) << "at " << when.sec() << "." << when.usec();
+    ++checked;
+  }
+  EXPECT_EQ(checked, 40000);
+  if (saved != nullptr) {
+    ::setenv("TZ", savedTz.c_str(), 1);
+  } else {
+    ::unsetenv("TZ");
+  }
+  ::tzset();
 }

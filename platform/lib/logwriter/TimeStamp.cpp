@@ -5,8 +5,9 @@
 #include <ctime>
 
 #include <ace/OS_NS_stdio.h>
-#include <ace/OS_NS_sys_time.h>
 #include <ace/OS_NS_time.h>
+
+#include "port/ToviPort.h"
 
 namespace timestamp {
 namespace {
@@ -35,31 +36,38 @@ void FormatSecond(time_t second, SecondText& cache) {
 }  // namespace
 
 void Format(const ACE_Time_Value& now, char* out) {
+  Format(now.sec(), static_cast<long>(now.usec()), out);
+}
+
+void Format(time_t second, long microseconds, char* out) {
   SecondText& cache = t_second;
-  const time_t second = now.sec();
   if (!cache.valid || cache.second != second) FormatSecond(second, cache);
   if (!cache.valid) {
     char longer[64];
-    ACE_OS::snprintf(longer, sizeof longer, "%s.%06ld", cache.text, static_cast<long>(now.usec()));
+    ACE_OS::snprintf(longer, sizeof longer, "%s.%06ld", cache.text, microseconds);
     std::memcpy(out, longer, kLength);
     out[kLength] = '\0';
     return;
   }
-  std::memcpy(out, cache.text, kSecondLength);
-  out[kSecondLength] = '.';
   // Six digits, two at a time.
   static const char kPairs[] =
       "00010203040506070809101112131415161718192021222324252627282930313233343536373839"
       "40414243444546474849505152535455565758596061626364656667686970717273747576777879"
       "8081828384858687888990919293949596979899";
-  unsigned micros = static_cast<unsigned>(now.usec());
-  for (int i = kLength - 2; i > kSecondLength; i -= 2) {
-    std::memcpy(out + i, kPairs + 2 * (micros % 100), 2);
-    micros /= 100;
-  }
+  const unsigned micros = static_cast<unsigned>(microseconds);
+  std::memcpy(out, cache.text, kSecondLength);
+  out[kSecondLength] = '.';
+  std::memcpy(out + 20, kPairs + 2 * (micros / 10000), 2);
+  std::memcpy(out + 22, kPairs + 2 * (micros / 100 % 100), 2);
+  std::memcpy(out + 24, kPairs + 2 * (micros % 100), 2);
   out[kLength] = '\0';
 }
 
-void FormatNow(char* out) { Format(ACE_OS::gettimeofday(), out); }
+void FormatNow(char* out) {
+  int64_t seconds = 0;
+  long microseconds = 0;
+  toviport::CurrentTimeOfDay(seconds, microseconds);
+  Format(static_cast<time_t>(seconds), microseconds, out);
+}
 
 }  // namespace timestamp

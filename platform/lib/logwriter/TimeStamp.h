@@ -8,6 +8,8 @@
 #ifndef TOVI_LOGWRITER_TIMESTAMP_H
 #define TOVI_LOGWRITER_TIMESTAMP_H
 
+#include <ctime>
+
 #include <ace/Time_Value.h>
 
 namespace timestamp {
@@ -18,6 +20,7 @@ constexpr int kLength = 26;
 // Writes the local time of now and a NUL into out (kLength + 1 bytes): the
 // same bytes as ACE::timestamp gives for that time.
 void Format(const ACE_Time_Value& now, char* out);
+void Format(time_t seconds, long microseconds, char* out);
 
 // Format for the current time of day.
 void FormatNow(char* out);

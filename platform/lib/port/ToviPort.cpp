@@ -9,6 +9,7 @@
 #include <fcntl.h>
 #include <pthread.h>
 #include <sys/stat.h>
+#include <sys/time.h>
 #include <sys/types.h>
 #include <unistd.h>
 
@@ -127,6 +128,13 @@ int VFormat(char* buf, std::size_t size, const char* format, va_list args) {
 }
 
 int64_t CurrentTime() { return static_cast<int64_t>(std::time(nullptr)); }
+
+void CurrentTimeOfDay(int64_t& seconds, long& microseconds) {
+  struct timeval now;
+  ::gettimeofday(&now, nullptr);
+  seconds = static_cast<int64_t>(now.tv_sec);
+  microseconds = static_cast<long>(now.tv_usec);
+}
 
 std::size_t FormatTime(char* buf, std::size_t size, const char* format, const std::tm& when) {
   return std::strftime(buf, size, format, &when);

@@ -79,6 +79,8 @@ int VFormat(char* buf, std::size_t size, const char* format, va_list args);
 
 // Seconds since the epoch.
 int64_t CurrentTime();
+// The time of day to the microsecond, as the system clock gives it.
+void CurrentTimeOfDay(int64_t& seconds, long& microseconds);
 
 // strftime into a caller's buffer; 0 when the result does not fit.
 std::size_t FormatTime(char* buf, std::size_t size, const char* format, const std::tm& when);
