@@ -27,7 +27,7 @@ const ACE_Time_Value kIdleWake(0, 100 * 1000);
 // The record bytes written between two hand-overs to the kernel.
 constexpr std::size_t kBatchRecordBytes = 64 * 1024;
 // The nap after a batch that emptied the queue.
-constexpr unsigned kDryNapUs = 500;
+constexpr unsigned kDryNapUs = 2000;
 // The retry period when a log file cannot be created.
 constexpr unsigned kCreateRetryMs = 1000;
 }  // namespace
@@ -51,7 +51,9 @@ ToviLogWriter::ToviLogWriter(const std::string& logPath, const std::string& pref
       m_nDroppedRecords(0),
       m_nLastNameTime(0),
       m_nFileBytes(0),
-      m_hThread() {
+      m_hThread(),
+      m_bArchiving(false),
+      m_hArchiver() {
   if (logPath.empty()) {
     m_strLogPath = ToviGetDefaultLogPath();
   } else {
@@ -112,6 +114,9 @@ void ToviLogWriter::ReportDroppedRecords() {
 void* ToviLogWriter::OutputThread(void* arg) {
   ToviLogWriter* self = static_cast<ToviLogWriter*>(arg);
   if (self == nullptr) return nullptr;
+  // The writer catches up in bursts; a burst must not push aside the very
+  // threads whose records it writes.
+  toviport::MakeBackgroundThread();
 
   self->MaintainArchives();
   if (!self->CreateLogFileUntilStopped()) {

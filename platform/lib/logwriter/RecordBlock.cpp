@@ -19,7 +19,7 @@ namespace {
 constexpr int kClasses = sizeof(kBlockSizes) / sizeof(kBlockSizes[0]);
 // Blocks a thread keeps per size, and how many move to or from the shared
 // store at once.
-constexpr std::size_t kLocalCap[kClasses] = {64, 16, 4};
+constexpr std::size_t kLocalCap[kClasses] = {256, 16, 4};
 // The shared store keeps at most this many bytes of blocks per size.
 constexpr std::size_t kSharedCapBytes = 8u << 20;
 
@@ -117,7 +117,7 @@ void GiveShared(int c, ACE_Message_Block* const* in, std::size_t n) {
 }
 
 struct LocalCache {
-  ACE_Message_Block* blocks[kClasses][64] = {};
+  ACE_Message_Block* blocks[kClasses][256] = {};
   std::size_t count[kClasses] = {};
 };
 

@@ -53,7 +53,7 @@ std::size_t FormatHead(const ToviLogRecord& record, char* out) {
 
 bool ToviLogWriter::RollOver() {
   CloseLogFile();
-  MaintainArchives();
+  ArchiveInBackground(m_strCurFile.substr(m_strLogPath.size()));
   return CreateLogFileUntilStopped();
 }
 

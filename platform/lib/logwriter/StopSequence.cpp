@@ -44,6 +44,7 @@ ToviLogWriter::~ToviLogWriter() {
       ACE_Message_Block* marker = recordblock::Acquire(recordblock::RecordBytes(0));
       if (marker != nullptr && !EnqueueOutput(marker)) recordblock::Release(marker);
       ACE_Thread::join(m_hThread, nullptr);
+      WaitForArchiving();
       DiscardUnusedEndMarker();
 
       char stamp[512];

@@ -18,6 +18,7 @@
 //                          handing the pending bytes to the kernel
 //   RecordWriter.cpp       WriteRecord, the date line and the roll-over
 //   ArchiveMaintenance.cpp MaintainArchives, GetLogFileType, RemoveOldZipFiles
+//   ArchiveThread.cpp      archiving a rolled-over file off the writer thread
 //   GzipArchive.cpp        CompressLogFile, GzipFile
 //   trace/AddLog.cpp       AddLog (the tracing thread's side)
 #ifndef TOVI_LOGWRITER_TOVILOGWRITER_H
@@ -81,6 +82,10 @@ private:
   typedef RecordBatchQueue RecordQueue;
 
   bool EnqueueOutput(ACE_Message_Block* block);
+  // Compresses a closed file and prunes the archives on a thread of its own.
+  void ArchiveInBackground(const std::string& closedName);
+  void WaitForArchiving();
+  static void* ArchiveThread(void* arg);
   // Takes batches off m_OutputQueue until the end marker, or a stop with
   // nothing left to write.
   void DrainOutputQueue();
@@ -133,6 +138,11 @@ private:
   std::string m_FileBatch;
   std::string m_ConsoleBatch;
   ACE_hthread_t m_hThread;
+  // The archiving thread of the last roll-over, while it may still run, and
+  // the name of the file it compresses.
+  bool m_bArchiving;
+  ACE_hthread_t m_hArchiver;
+  std::string m_strArchiveJob;
 };
 
 #endif

@@ -8,6 +8,7 @@
 
 #include <fcntl.h>
 #include <pthread.h>
+#include <sched.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 #include <sys/types.h>
@@ -155,6 +156,12 @@ uint32_t CurrentThreadId() {
 }
 
 uint32_t CurrentProcessId() { return static_cast<uint32_t>(::getpid()); }
+
+bool MakeBackgroundThread() {
+  struct sched_param param {};
+  param.sched_priority = 0;
+  return ::sched_setscheduler(0, SCHED_BATCH, &param) == 0;
+}
 
 void SleepMs(unsigned milliseconds) {
   ACE_Time_Value delay;
