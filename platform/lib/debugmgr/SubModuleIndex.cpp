@@ -50,7 +50,7 @@ SubModuleInfo* SubModuleIndex::Find(const std::string& name) const {
 
 SubModuleInfo* SubModuleIndex::FindOrFallback(const std::string& name) const {
   SubModuleInfo* entry = Find(name, SubModuleInfo::HashOf(name));
-  return entry != nullptr ? entry : Find(m_strFallback, m_nFallbackHash);
+  return entry != nullptr ? entry : m_pFallback.load(std::memory_order_acquire);
 }
 
 SubModuleInfo* SubModuleIndex::Find(const std::string& name, uint64_t hash) const {
@@ -86,5 +86,8 @@ bool SubModuleIndex::Insert(SubModuleInfo* entry) {
     table = grown;
   }
   Place(*table, entry);
+  if (entry->Hash() == m_nFallbackHash && entry->Name() == m_strFallback) {
+    m_pFallback.store(entry, std::memory_order_release);
+  }
   return true;
 }

@@ -48,6 +48,8 @@ private:
   const std::string m_strFallback;
   const uint64_t m_nFallbackHash;
   std::atomic<Table*> m_pTable{nullptr};
+  // The fallback's entry once it exists: entries live as long as the index.
+  std::atomic<SubModuleInfo*> m_pFallback{nullptr};
   std::vector<Table*> m_RetiredTables;
 };
 

@@ -20,8 +20,10 @@ constexpr int kClasses = sizeof(kBlockSizes) / sizeof(kBlockSizes[0]);
 // Blocks a thread keeps per size, and how many move to or from the shared
 // store at once.
 constexpr std::size_t kLocalCap[kClasses] = {256, 16, 4};
-// The shared store keeps at most this many bytes of blocks per size.
-constexpr std::size_t kSharedCapBytes = 8u << 20;
+// The shared store keeps at most this many bytes of blocks, all sizes
+// together: enough for a full queue's worth of small records to come back
+// and be used again rather than freed and made anew.
+constexpr std::size_t kSharedCapBytes = 12u << 20;
 
 int ClassOf(std::size_t bytes) {
   for (int c = 0; c < kClasses; ++c) {
@@ -76,6 +78,7 @@ ACE_Message_Block* NewBlock(std::size_t size) {
 struct SharedStore {
   ACE_Thread_Mutex lock;
   std::vector<ACE_Message_Block*> blocks[kClasses];
+  std::size_t bytes = 0;
 };
 
 // Never destroyed: threads hand their caches back when they end, which may
@@ -95,20 +98,23 @@ std::size_t TakeShared(int c, ACE_Message_Block** out, std::size_t n) {
     out[taken++] = blocks.back();
     blocks.pop_back();
   }
+  store.bytes -= taken * kBlockSizes[c];
   return taken;
 }
 
 // Hands n blocks of class c to the shared store; those beyond its bound are
 // freed.
 void GiveShared(int c, ACE_Message_Block* const* in, std::size_t n) {
-  const std::size_t cap = kSharedCapBytes / kBlockSizes[c];
   std::size_t kept = 0;
   {
     SharedStore& store = Shared();
     ACE_Guard<ACE_Thread_Mutex> guard(store.lock);
     std::vector<ACE_Message_Block*>& blocks = store.blocks[c];
     try {
-      while (kept < n && blocks.size() < cap) blocks.push_back(in[kept++]);
+      while (kept < n && store.bytes + kBlockSizes[c] <= kSharedCapBytes) {
+        blocks.push_back(in[kept++]);
+        store.bytes += kBlockSizes[c];
+      }
     } catch (...) {
       // No room to remember it: the block is freed below instead.
     }
