@@ -17,6 +17,7 @@
 
 #include <ace/RW_Thread_Mutex.h>
 #include <ace/Recursive_Thread_Mutex.h>
+#include <ace/Thread_Mutex.h>
 
 #include "ToviExport.h"
 
@@ -101,6 +102,7 @@ private:
                           const std::bitset<32>& output, bool bUseDebugDefault);
   bool GetSubModuleInfo_i(const std::string& name, std::bitset<32>& level,
                           std::bitset<32>& output);
+  std::string DefSubModuleName();
 
   static ACE_Recursive_Thread_Mutex m_InstanceLock;
 
@@ -120,8 +122,11 @@ private:
   std::map<std::string, SubModuleInfo*> m_SubModuleMap;
   // The same entries, for lookups that take no lock.
   SubModuleIndex* m_pSubModuleIndex;
+  // The Printf defaults: set from any thread while others trace, so the name
+  // is read and written under its own lock and the level is an atomic.
   std::string m_strDefSubModuleName;
-  ToviLogLevel m_nDefLogLevel;
+  std::atomic<ToviLogLevel> m_nDefLogLevel;
+  ACE_Thread_Mutex m_DefaultsLock;
   std::map<std::string, ToviLogWriter*> m_WriterTable;
   ACE_RW_Thread_Mutex m_WriterTableLock;
   std::string m_strInitName;

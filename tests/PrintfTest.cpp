@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <regex>
 #include <string>
+#include <thread>
 
 #include "ToviBaseUtil.h"
 #include "ToviDebugMgr.h"
@@ -130,4 +131,29 @@ TEST(TraceLibraryOutput, SwitchesDecideOncePerProcess) {
   EXPECT_EXIT(std::exit(Child("", false, true)), ok, "");
   EXPECT_EXIT(std::exit(Child("EnablePrint=2\nEnableLog=abc\n", true, false)), ok, "");
   EXPECT_EXIT(std::exit(Child("EnablePrint=1\n", true, true)), ok, "");
+}
+
+// The defaults may change while other threads print with them: every record
+// carries one whole name and its level, never a torn one.
+TEST(Printf, DefaultsChangeWhileOthersPrint) {
+  PrintfSetup setup("debug_level=1111\ndebug_output=01\n");
+  ToviDebugMgr* mgr = ToviDebugMgr::Instance();
+  ASSERT_TRUE(mgr->Init("prt", "", setup.logs, "", false, false));
+  const std::string longName(40, 'N');  // beyond the short-string buffer
+  std::thread setter([&] {
+    for (int i = 0; i < 2000; ++i) {
+      mgr->SetDefSubModuleName(i % 2 ? longName : "S");
+      mgr->SetDefLogLevel(i % 2 ? LEVEL_WARN : LEVEL_ERROR);
+    }
+  });
+  for (int i = 0; i < 2000; ++i) mgr->Printf("r%d", i);
+  setter.join();
+  ToviDebugMgr::Destroy();
+  const std::regex record("@(|S|" + longName + ") (ERROR|WARN|INFO): r\\d+");
+  std::size_t lines = 0;
+  for (const std::string& line : SplitLines(setup.Logged())) {
+    EXPECT_TRUE(std::regex_match(line, record)) << line;
+    ++lines;
+  }
+  EXPECT_EQ(lines, 2000u);
 }

@@ -26,9 +26,23 @@ SubModuleInfo* ChangeTarget(std::map<std::string, SubModuleInfo*>& registry,
 }
 }  // namespace
 
-void ToviDebugMgr::SetDefLogLevel(ToviLogLevel level) { m_nDefLogLevel = level; }
+void ToviDebugMgr::SetDefLogLevel(ToviLogLevel level) {
+  m_nDefLogLevel.store(level, std::memory_order_relaxed);
+}
 
-void ToviDebugMgr::SetDefSubModuleName(const std::string& name) { m_strDefSubModuleName = name; }
+void ToviDebugMgr::SetDefSubModuleName(const std::string& name) {
+  ACE_Guard<ACE_Thread_Mutex> guard(m_DefaultsLock);
+  try {
+    m_strDefSubModuleName = name;
+  } catch (...) {
+    // No memory for the copy: the old default stays.
+  }
+}
+
+std::string ToviDebugMgr::DefSubModuleName() {
+  ACE_Guard<ACE_Thread_Mutex> guard(m_DefaultsLock);
+  return m_strDefSubModuleName;
+}
 
 bool ToviDebugMgr::RegSubModuleInfo(const std::string& name, const std::bitset<32>& level,
                                     const std::bitset<32>& output, bool bUseDebugDefault) {

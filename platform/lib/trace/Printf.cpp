@@ -30,7 +30,7 @@ void ToviDebugMgr::Printf(ToviLogLevel level, const char* format, ...) {
   if (!IsInit()) return;
   va_list args;
   va_start(args, format);
-  const bool traced = TraceFormatted(*this, m_strDefSubModuleName, level, format, args);
+  const bool traced = TraceFormatted(*this, DefSubModuleName(), level, format, args);
   va_end(args);
   if (!traced) toviport::ConsolePrintf("Printf, vsnprintf failed. errno:%d\n", errno);
 }
@@ -48,6 +48,7 @@ void ToviDebugMgr::Printf(const char* format, ...) {
   if (!IsInit()) return;
   va_list args;
   va_start(args, format);
-  TraceFormatted(*this, m_strDefSubModuleName, m_nDefLogLevel, format, args);
+  TraceFormatted(*this, DefSubModuleName(), m_nDefLogLevel.load(std::memory_order_relaxed), format,
+                 args);
   va_end(args);
 }
