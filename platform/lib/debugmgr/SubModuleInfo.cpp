@@ -29,36 +29,18 @@ void SubModuleInfo::Load(std::bitset<32>& level, std::bitset<32>& output) const 
   output = std::bitset<32>(High(masks));
 }
 
-void SubModuleInfo::Store(uint32_t level, uint32_t output) {
-  m_nMasks.store(static_cast<uint64_t>(output) << 32 | level, std::memory_order_release);
-}
-
 void SubModuleInfo::SetMasks(const std::bitset<32>& level, const std::bitset<32>& output) {
-  Store(Bits(level), Bits(output));
+  m_nMasks.store(static_cast<uint64_t>(Bits(output)) << 32 | Bits(level),
+                 std::memory_order_release);
 }
 
-void SubModuleInfo::SetLevelMask(const std::bitset<32>& mask) {
-  Store(Bits(mask), High(m_nMasks.load(std::memory_order_relaxed)));
-}
+bool SubModuleInfo::SetLevelBit(unsigned n, bool on) { return n < 32 && SetWordBit(n, on); }
 
-void SubModuleInfo::SetOutputMask(const std::bitset<32>& mask) {
-  Store(Low(m_nMasks.load(std::memory_order_relaxed)), Bits(mask));
-}
+bool SubModuleInfo::SetOutputBit(unsigned n, bool on) { return n < 32 && SetWordBit(32 + n, on); }
 
-bool SubModuleInfo::SetLevelBit(unsigned n, bool on) {
-  if (n >= 32) return false;
-  std::bitset<32> level;
-  std::bitset<32> output;
-  Load(level, output);
-  SetLevelMask(level.set(n, on));
-  return true;
-}
-
-bool SubModuleInfo::SetOutputBit(unsigned n, bool on) {
-  if (n >= 32) return false;
-  std::bitset<32> level;
-  std::bitset<32> output;
-  Load(level, output);
-  SetOutputMask(output.set(n, on));
+bool SubModuleInfo::SetWordBit(unsigned n, bool on) {
+  const uint64_t bit = uint64_t{1} << n;
+  const uint64_t masks = m_nMasks.load(std::memory_order_relaxed);
+  m_nMasks.store(on ? masks | bit : masks & ~bit, std::memory_order_release);
   return true;
 }

@@ -26,8 +26,6 @@ public:
 
   // Changes; the registry lock held for writing serialises them.
   void SetMasks(const std::bitset<32>& level, const std::bitset<32>& output);
-  void SetLevelMask(const std::bitset<32>& mask);
-  void SetOutputMask(const std::bitset<32>& mask);
   bool SetLevelBit(unsigned n, bool on);
   bool SetOutputBit(unsigned n, bool on);
 
@@ -35,7 +33,8 @@ public:
   static uint64_t HashOf(const std::string& name);
 
 private:
-  void Store(uint32_t level, uint32_t output);
+  // Sets bit n of the packed word (levels 0-31, outputs 32-63).
+  bool SetWordBit(unsigned n, bool on);
 
   const std::string m_strName;
   const uint64_t m_nHash;
