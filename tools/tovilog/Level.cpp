@@ -36,12 +36,12 @@ int LevelOfText(std::string_view text, std::size_t& prefixLength) {
                     : text[0] == 'W' ? 2
                     : text[0] == 'I' ? 3
                                      : kUnmarkedLevel;
-  prefixLength = level == kUnmarkedLevel ? 0 : std::strlen(kPrefixes[level]);
-  if (text.substr(0, prefixLength) == std::string_view(kPrefixes[level], prefixLength)) {
-    return level;
-  }
   prefixLength = 0;
-  return kUnmarkedLevel;
+  if (level == kUnmarkedLevel) return level;
+  const std::string_view prefix = kPrefixes[level];
+  if (text.substr(0, prefix.size()) != prefix) return kUnmarkedLevel;
+  prefixLength = prefix.size();
+  return level;
 }
 
 bool AddLevels(const std::string& spec, unsigned& mask) {
