@@ -81,29 +81,37 @@ std::optional<int> ParseOptions(int argc, char** argv, Options& o) {
   app.add_option("paths", o.paths,
                  "Log directories and/or log files to read. A directory gives every writer's "
                  "files in it (e.g. /opt/p/var/logs/mrblog)")
-      ->required();
+      ->required()
+      ->type_name("DIR|FILE");
   app.add_option("--prefix", o.prefixes,
                  "Read only the files of the writer with this exact prefix from the "
-                 "directories; repeatable (e.g. --prefix mysvc --prefix mysvcbilling_)");
+                 "directories; repeatable (e.g. --prefix mysvc --prefix mysvcbilling_)")
+      ->type_name("NAME");
   app.add_option("--since", since,
                  "Records at or after this time: a date and time, a time of day meaning "
                  "today, or a time back from now in s, m, h or d (e.g. --since '2026-11-23 "
-                 "09:15', --since 09:15, --since -15m)");
+                 "09:15', --since 09:15, --since -15m)")
+      ->type_name("TIME");
   app.add_option("--until", until,
-                 "Records before this time, in the same forms (e.g. --until 2026-11-24)");
+                 "Records before this time, in the same forms (e.g. --until 2026-11-24)")
+      ->type_name("TIME");
   app.add_option("--module", o.modules,
                  "Records of this sub-module; * matches any characters; repeatable "
-                 "(e.g. --module net --module 'db*')");
+                 "(e.g. --module net --module 'db*')")
+      ->type_name("NAME");
   app.add_option("--level", levels,
                  "Records of this level: ASSERT, ERROR, WARN, INFO or a number 0-31 (levels "
                  "4-31 are not marked in the files and count as one level, 4-31); a "
-                 "trailing + adds the more severe levels; repeatable (e.g. --level ERROR+)");
+                 "trailing + adds the more severe levels; repeatable (e.g. --level ERROR+)")
+      ->type_name("LEVEL");
   app.add_option("--thread", o.threadTexts,
                  "Records of this thread, by its hexadecimal id as in the file; repeatable "
-                 "(e.g. --thread 1a2c)");
+                 "(e.g. --thread 1a2c)")
+      ->type_name("HEX");
   app.add_option("--grep", o.grep,
                  "Records whose text (after the level, with continuation and ASN lines) "
-                 "matches this RE2 expression (e.g. --grep 'link (up|down)')");
+                 "matches this RE2 expression (e.g. --grep 'link (up|down)')")
+      ->type_name("RE2");
   app.add_flag("-i,--ignore-case", o.ignoreCase,
                "Match --grep without regard to case (e.g. -i --grep timeout)");
   app.add_flag("--json", o.json,
