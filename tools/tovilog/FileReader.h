@@ -21,6 +21,10 @@ public:
   FileReader(const LogFile& file, bool follow);
 
   bool Opened() const { return lines_ != nullptr; }
+  // Opened, and it gave a line or ended without an error.
+  bool Readable() const {
+    return lines_ != nullptr && (lines_->SourceError().empty() || lines_->LineNumber() > 0);
+  }
   const std::string& OpenError() const { return openError_; }
   int OpenErrno() const { return openErrno_; }
 

@@ -14,6 +14,7 @@ const Item* WriterStream::Next() {
       if (filter_.Pass(*item)) return item;
       continue;
     }
+    tally_.readable += reader_->Readable();
     reader_.reset();
   }
 }
@@ -29,7 +30,6 @@ bool WriterStream::OpenNextFile() {
       Warn(file.path, reader->OpenError());
       continue;
     }
-    ++tally_.opened;
     reader_ = std::move(reader);
     return true;
   }

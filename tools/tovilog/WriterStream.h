@@ -11,10 +11,10 @@
 
 namespace tovilog {
 
-// How many files were to be read and how many could be opened.
+// How many files were to be read and how many of them could be.
 struct ReadTally {
   int tried = 0;
-  int opened = 0;
+  int readable = 0;
 };
 
 class WriterStream {

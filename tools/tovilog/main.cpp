@@ -58,6 +58,6 @@ int main(int argc, char** argv) {
                      : ReadFileSet(writers, !options.byWriter, filter, *sink, tally);
   sink->Finish();
   out.Flush();
-  if (tally.tried > 0 && tally.opened == 0) return 2;
+  if (tally.tried > 0 && tally.readable == 0) return 2;
   return records > 0 ? 0 : 1;
 }
