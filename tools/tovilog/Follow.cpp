@@ -30,7 +30,8 @@ volatile std::sig_atomic_t g_stop = 0;
 extern "C" void OnStopSignal(int) { g_stop = 1; }
 
 constexpr int kPollMs = 100;
-// New writers are looked for about once a second.
+// New writers, and newer files of a writer whose file has no close line, are
+// looked for about once a second.
 constexpr int kTurnsPerRescan = 10;
 // Items one writer may hand out before the others get their turn.
 constexpr int kItemsPerTurn = 4096;
@@ -46,6 +47,8 @@ struct LiveWriter {
   std::unique_ptr<FileReader> reader;
   // Reading what was there before the start, which is not shown.
   bool catchingUp = false;
+  // The file's close line was read: the writer is about to move on.
+  bool closed = false;
   int quietTurns = 0;
 };
 
@@ -58,11 +61,11 @@ public:
   uint64_t Run();
 
 private:
-  bool Pump(LiveWriter& w);
+  bool Pump(LiveWriter& w, bool lookAround);
   bool OpenFile(LiveWriter& w, const LogFile& file);
   bool OpenNext(LiveWriter& w);
   bool HasNewer(const LiveWriter& w) const;
-  void Emit(const LiveWriter& w, const Item& item);
+  void Emit(LiveWriter& w, const Item& item);
   void Rescan();
 
   const Options& options_;
@@ -107,6 +110,7 @@ void Follower::Add(const WriterFiles& writer, bool isNew) {
 bool Follower::OpenFile(LiveWriter& w, const LogFile& file) {
   w.reader.reset();
   w.file = file;
+  w.closed = false;
   w.reader = std::make_unique<FileReader>(w.file, !w.file.compressed);
   if (!w.reader->Opened() && !w.file.compressed && w.reader->OpenErrno() == ENOENT) {
     // Compressed since it was listed.
@@ -136,14 +140,18 @@ bool Follower::HasNewer(const LiveWriter& w) const {
   return !files.empty() && files.back().created > w.file.created;
 }
 
-void Follower::Emit(const LiveWriter& w, const Item& item) {
+void Follower::Emit(LiveWriter& w, const Item& item) {
+  w.closed = w.closed || (!item.isRecord && item.event == EventKind::kClose);
   if (w.catchingUp || !filter_.Pass(item)) return;
   records_ += item.isRecord;
   sink_.Put(item);
 }
 
-// True when it handed out anything.
-bool Follower::Pump(LiveWriter& w) {
+// True when it handed out anything. A newer file is looked for once the
+// current one has its close line, or with `lookAround` (about once a second,
+// for a writer that ended without one); listing the directory at every turn
+// would cost more than the reading.
+bool Follower::Pump(LiveWriter& w, bool lookAround) {
   bool progressed = false;
   for (int n = 0; n < kItemsPerTurn && g_stop == 0; ++n) {
     if (w.reader == nullptr && !OpenNext(w)) return progressed;
@@ -156,13 +164,14 @@ bool Follower::Pump(LiveWriter& w) {
         break;
       case FileReader::kNoData:
         if (w.catchingUp) {
+          // The last item of the past, noted but not shown.
+          if (const Item* past = w.reader->TakePending()) Emit(w, *past);
           w.catchingUp = false;
-          w.reader->TakePending();  // the last item of the past
         } else if (++w.quietTurns == kSettledTurns && (item = w.reader->TakePending())) {
           Emit(w, *item);
           progressed = true;
         }
-        if (!HasNewer(w)) return progressed;
+        if (!(w.closed || lookAround) || !HasNewer(w)) return progressed;
         // The writer has moved on: what the file holds now is all it will.
         w.reader->StopFollowing();
         break;
@@ -197,10 +206,11 @@ uint64_t Follower::Run() {
   sigaction(SIGTERM, &action, nullptr);
 
   for (int turn = 1; g_stop == 0; ++turn) {
+    const bool lookAround = turn % kTurnsPerRescan == 0;
     bool progressed = false;
-    for (std::size_t i = 0; i < writers_.size(); ++i) progressed |= Pump(*writers_[i]);
+    for (std::size_t i = 0; i < writers_.size(); ++i) progressed |= Pump(*writers_[i], lookAround);
     out_.Flush();
-    if (turn % kTurnsPerRescan == 0) Rescan();
+    if (lookAround) Rescan();
     if (!progressed && g_stop == 0) ::poll(nullptr, 0, kPollMs);
   }
   // The items being read when the stop came are shown too.
