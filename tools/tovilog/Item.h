@@ -42,7 +42,8 @@ struct Item {
   // The rendered ASN.1 value, without the "ASN Trace:" line.
   std::string_view Asn() const {
     if (asnLine == std::string::npos) return {};
-    return std::string_view(text).substr(asnLine + sizeof "ASN Trace:");
+    const std::size_t valueLine = text.find('\n', asnLine);
+    return std::string_view(text).substr(valueLine == std::string::npos ? text.size() : valueLine + 1);
   }
 };
 
