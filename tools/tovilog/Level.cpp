@@ -13,7 +13,7 @@ namespace {
 const char* const kNames[] = {"ASSERT", "ERROR", "WARN", "INFO", "4-31"};
 const char* const kPrefixes[] = {"ASSERT: ", "ERROR: ", "WARN: ", "INFO: "};
 
-int LevelOfSpec(const std::string& name) {
+int LevelOfName(const std::string& name) {
   for (int level = 0; level <= kUnmarkedLevel; ++level) {
     if (strcasecmp(name.c_str(), kNames[level]) == 0) return level;
   }
@@ -44,9 +44,9 @@ int LevelOfText(std::string_view text, std::size_t& prefixLength) {
   return level;
 }
 
-bool AddLevels(const std::string& spec, unsigned& mask) {
-  const bool orMore = !spec.empty() && spec.back() == '+';
-  const int level = LevelOfSpec(orMore ? spec.substr(0, spec.size() - 1) : spec);
+bool AddLevels(const std::string& value, unsigned& mask) {
+  const bool orMore = !value.empty() && value.back() == '+';
+  const int level = LevelOfName(orMore ? value.substr(0, value.size() - 1) : value);
   if (level < 0) return false;
   mask |= orMore ? (2u << level) - 1 : 1u << level;
   return true;

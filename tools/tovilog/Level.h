@@ -22,7 +22,7 @@ int LevelOfText(std::string_view text, std::size_t& prefixLength);
 // Adds the levels of one --level value to `mask` (bit n: level n): a name
 // (any case), a number from 0 to 31, or "4-31"; a trailing "+" adds the more
 // severe levels too. False when the value is none of these.
-bool AddLevels(const std::string& spec, unsigned& mask);
+bool AddLevels(const std::string& value, unsigned& mask);
 
 }  // namespace tovilog
 

@@ -5,7 +5,7 @@
 #include <CLI/CLI.hpp>
 #include <re2/re2.h>
 
-#include "TimeSpec.h"
+#include "TimeValue.h"
 
 namespace tovilog {
 namespace {
@@ -40,10 +40,10 @@ int UsageError(const std::string& what) {
 std::optional<int> Resolve(Options& o, const std::string& since, const std::string& until,
                            const std::vector<std::string>& levels) {
   const int64_t now = WallNow();
-  if (!since.empty() && !ParseTimeSpec(since, now, o.since)) {
+  if (!since.empty() && !ParseTimeValue(since, now, o.since)) {
     return UsageError("--since: not a time: " + since);
   }
-  if (!until.empty() && !ParseTimeSpec(until, now, o.until)) {
+  if (!until.empty() && !ParseTimeValue(until, now, o.until)) {
     return UsageError("--until: not a time: " + until);
   }
   if (!levels.empty()) o.levels = 0;

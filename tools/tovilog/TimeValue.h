@@ -1,6 +1,6 @@
-// TimeSpec.h - the --since and --until values.
-#ifndef TOVI_TOOLS_TOVILOG_TIMESPEC_H
-#define TOVI_TOOLS_TOVILOG_TIMESPEC_H
+// TimeValue.h - the --since and --until values.
+#ifndef TOVI_TOOLS_TOVILOG_TIMEVALUE_H
+#define TOVI_TOOLS_TOVILOG_TIMEVALUE_H
 
 #include <cstdint>
 #include <string>
@@ -11,7 +11,7 @@ namespace tovilog {
 // fraction may be left out, and so may the whole time), "09:15[:02]" (today),
 // "-15m" (s, m, h or d before `now`) or "now". False when it is none of
 // these.
-bool ParseTimeSpec(const std::string& spec, int64_t now, int64_t& wall);
+bool ParseTimeValue(const std::string& text, int64_t now, int64_t& wall);
 
 }  // namespace tovilog
 
