@@ -153,6 +153,25 @@ DirSummary Summarise(const std::string& dir) {
   return s;
 }
 
+// A path as one shell word, for a command to copy; quoted only when needed.
+std::string ShellQuoted(const std::string& path) {
+  const bool plain = !path.empty() && path.find_first_not_of(
+                                          "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ"
+                                          "0123456789_./+-:=@%,") == std::string::npos;
+  if (plain) return path;
+  std::string quoted = "'";
+  for (char c : path) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
+  return quoted + "'";
+}
+
+// The tovilog built beside the demo, else the one on the PATH.
+std::string TovilogCommand() {
+  std::error_code ec;
+  const fs::path self = fs::read_symlink("/proc/self/exe", ec);
+  const fs::path built = self.parent_path().parent_path() / "tools/tovilog/tovilog";
+  return !ec && fs::exists(built, ec) ? built.string() : "tovilog";
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -225,7 +244,7 @@ int main(int argc, char** argv) {
               tracing, total);
   std::printf("  records per second  %.0f\n", records / total);
   std::printf("  logs                %s\n", logDir.c_str());
-  std::printf("  read them with      less %sdemo*.log   and   zcat %sdemo*.log.gz | less\n",
-              logDir.c_str(), logDir.c_str());
+  std::printf("  read them with      %s %s --since -10m\n", ShellQuoted(TovilogCommand()).c_str(),
+              ShellQuoted(logDir).c_str());
   return 0;
 }

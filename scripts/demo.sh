@@ -8,5 +8,5 @@ root=$(cd "$(dirname "$0")/.." && pwd)
 
 build=${TOVI_BUILD_DIR:-$root/build}
 cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
-cmake --build "$build" -j"$(nproc 2>/dev/null || echo 2)" --target tovi_demo
+cmake --build "$build" -j"$(nproc 2>/dev/null || echo 2)" --target tovi_demo tovilog
 exec "$build/examples/tovi_demo" "$@"

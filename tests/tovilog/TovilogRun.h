@@ -1,0 +1,93 @@
+// TovilogRun.h - running the built tovilog in a child process, with its
+// output in files, and every wait bounded.
+#ifndef TOVI_TESTS_TOVILOG_TOVILOGRUN_H
+#define TOVI_TESTS_TOVILOG_TOVILOGRUN_H
+
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+
+#include <chrono>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "TestSupport.h"
+
+extern char** environ;
+
+namespace tovitest {
+
+// A tovilog child whose standard output and error go to files.
+class TovilogChild {
+public:
+  explicit TovilogChild(const std::vector<std::string>& args) {
+    std::vector<std::string> all{TOVILOG_PATH};
+    all.insert(all.end(), args.begin(), args.end());
+    std::vector<char*> argv;
+    for (std::string& arg : all) argv.push_back(arg.data());
+    argv.push_back(nullptr);
+    posix_spawn_file_actions_t files;
+    posix_spawn_file_actions_init(&files);
+    posix_spawn_file_actions_addopen(&files, 1, (dir_ / "out").c_str(), O_WRONLY | O_CREAT, 0644);
+    posix_spawn_file_actions_addopen(&files, 2, (dir_ / "err").c_str(), O_WRONLY | O_CREAT, 0644);
+    if (posix_spawn(&pid_, TOVILOG_PATH, &files, nullptr, argv.data(), environ) != 0) pid_ = -1;
+    posix_spawn_file_actions_destroy(&files);
+  }
+  ~TovilogChild() {
+    if (pid_ > 0) Wait(std::chrono::seconds(0));
+  }
+
+  // The exit status; -1 when the child had to be killed after `bound`.
+  int Wait(std::chrono::seconds bound = std::chrono::seconds(120)) {
+    const auto end = std::chrono::steady_clock::now() + bound;
+    int status = 0;
+    while (pid_ > 0 && ::waitpid(pid_, &status, WNOHANG) == 0) {
+      if (std::chrono::steady_clock::now() > end) {
+        ::kill(pid_, SIGKILL);
+        ::waitpid(pid_, &status, 0);
+        pid_ = -1;
+        return -1;
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    pid_ = -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  }
+  void Interrupt() { ::kill(pid_, SIGINT); }
+  std::string Out() const { return ReadFile(dir_ / "out"); }
+  std::string Err() const { return ReadFile(dir_ / "err"); }
+
+private:
+  TempDir dir_;
+  pid_t pid_ = -1;
+};
+
+struct Result {
+  int status;
+  std::string out;
+  std::string err;
+};
+
+inline Result RunTovilog(const std::vector<std::string>& args) {
+  TovilogChild child(args);
+  const int status = child.Wait();
+  return {status, child.Out(), child.Err()};
+}
+
+// The JSON objects of --json output, one per line.
+inline std::vector<nlohmann::json> JsonLines(const std::string& out) {
+  std::vector<nlohmann::json> objects;
+  for (std::size_t start = 0, end; (end = out.find('\n', start)) != std::string::npos;
+       start = end + 1) {
+    objects.push_back(nlohmann::json::parse(out.substr(start, end - start)));
+  }
+  return objects;
+}
+
+}  // namespace tovitest
+
+#endif
