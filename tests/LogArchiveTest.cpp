@@ -73,6 +73,13 @@ std::string OddBytes(const std::string& tag) {
          std::string(3000, 'x') + "\nno final line end";
 }
 
+int Gzip(const std::string& source, const std::string& target) {
+  const int fd = ::open(source.c_str(), O_RDONLY);
+  const int result = ToviLogWriter::GzipFile(fd, target);
+  if (fd >= 0) ::close(fd);
+  return result;
+}
+
 }  // namespace
 
 TEST(LogArchive, StartCompressesTheNewestTrimsTheOldestAndTouchesNothingElse) {
@@ -129,7 +136,7 @@ TEST(LogArchive, FailedCompressionLeavesThePlainLogAndNoTarget) {
     std::string source(size, '\0');
     for (std::size_t i = 0; i < size; ++i) source[i] = static_cast<char>(i * 7919 % 251);
     WriteFile(dir / "source.log", source);
-    EXPECT_EQ(ToviLogWriter::GzipFile(dir / "source.log", dir / "copy.gz"), 0) << size;
+    EXPECT_EQ(Gzip(dir / "source.log", dir / "copy.gz"), 0) << size;
     EXPECT_EQ(ReadGz(dir / "copy.gz"), source) << size;
     EXPECT_EQ(ReadFile(dir / "source.log"), source) << size;
   }
@@ -142,7 +149,7 @@ TEST(LogArchive, FailedCompressionLeavesThePlainLogAndNoTarget) {
   for (const auto& [source, target] : std::vector<std::pair<std::string, std::string>>{
            {"missing.log", "missing.log.gz"}, {"folder.log", "folder.log.gz"},
            {"source.log", "no/such/dir/copy.gz"}, {"source.log", "taken.gz"}}) {
-    EXPECT_EQ(ToviLogWriter::GzipFile(dir / source, dir / target), -1) << target;
+    EXPECT_EQ(Gzip(dir / source, dir / target), -1) << target;
   }
   EXPECT_EQ(Snapshot(dir.path()), untouched);
 }
@@ -211,4 +218,38 @@ TEST(LogArchive, NamesAreNeverReused) {
   after.erase(lastPlain + ".gz");
   EXPECT_EQ(after.erase(own), 1u);
   EXPECT_EQ(after, before);
+}
+
+TEST(LogArchive, ALiveFileIsNeverTakenAndACrashedCompressionIsFinishedOnce) {
+  TempDir dir;
+  // Two instances of one service: the second one's start must leave the
+  // first one's open file alone.
+  auto first = std::make_unique<ToviLogWriter>(dir.path(), "app_", "", false, false, 100, 1u << 20, 10);
+  const std::string firstFile = WaitForLogAfter(dir.path(), "app_", "");
+  ASSERT_FALSE(firstFile.empty());
+  ASSERT_FALSE(RunWriter(dir.path(), firstFile).empty());
+  ASSERT_TRUE(first->AddLog("sub", LEVEL_INFO, "after the second start", nullptr, false, true));
+  first.reset();
+  EXPECT_EQ(Occurrences(ReadFile(dir / firstFile), "after the second start"), 1u);
+
+  // A compression killed before its rename left a partial temporary; one
+  // killed after it left a complete archive beside its plain file; another
+  // left a temporary whose plain file is gone.
+  TempDir crashed;
+  const std::string plain = "app_20240101_000000.log";
+  WriteFile(crashed / plain, OddBytes("plain"));
+  WriteFile(crashed / (plain + ".gz.tmp"), "\x1f\x8b partial");
+  WriteFile(crashed / "app_20230101_000000.log.gz.tmp", "\x1f\x8b orphan");
+  const std::string own = RunWriter(crashed.path(), plain);
+  ASSERT_FALSE(own.empty());
+  EXPECT_EQ(ReadGz(crashed / (plain + ".gz")), OddBytes("plain"));
+  EXPECT_EQ(Logs(crashed.path(), "app_", ".log.gz.tmp").size() + fs::exists(crashed / plain), 0u);
+
+  fs::remove(crashed / own);
+  const std::string later = "app_20250101_000000.log";
+  WriteFile(crashed / later, OddBytes("later"));
+  WriteGz(crashed / (later + ".gz"), "the complete archive");
+  ASSERT_FALSE(RunWriter(crashed.path(), later).empty());
+  EXPECT_EQ(ReadGz(crashed / (later + ".gz")), "the complete archive");
+  EXPECT_FALSE(fs::exists(crashed / later));
 }

@@ -12,6 +12,7 @@
 
 #include <ace/OS_NS_dirent.h>
 
+#include "logwriter/LogFileNames.h"
 #include "logwriter/ToviLogWriter.h"
 #include "port/ToviPort.h"
 
@@ -52,14 +53,38 @@ int ToviLogWriter::GetLogFileType(const char* name) {
 }
 
 void ToviLogWriter::MaintainArchives() {
-  // Names carry their creation time, so the newest plain file sorts last.
-  std::string newest;
+  // Names carry their creation time, so sorted they run oldest first.
+  std::vector<std::string> plain;
+  std::vector<std::string> temporaries;
   const bool listed = ForEachEntry(m_strLogPath, [&](const char* name) {
-    if (GetLogFileType(name) == kPlainLog && newest.compare(name) < 0) newest = name;
+    if (GetLogFileType(name) == kPlainLog) plain.emplace_back(name);
+    if (IsTemporaryArchive(name)) temporaries.emplace_back(name);
   });
   if (!listed) return;
-  CompressLogFile(newest);
+  std::sort(plain.rbegin(), plain.rend());
+  // The newest plain file that no live writer holds: another instance with
+  // the same prefix may be writing the newest one right now.
+  for (const std::string& name : plain) {
+    if (CompressLogFile(name) != ArchiveOutcome::Busy) break;
+  }
+  // A temporary whose plain file is gone is what a compression left when it
+  // died; one whose plain file is there is replaced when that file is
+  // compressed.
+  for (const std::string& name : temporaries) {
+    const std::size_t archived = name.size() - std::strlen(logfilenames::kArchiveSuffix) -
+                                 std::strlen(logfilenames::kTemporarySuffix);
+    if (!toviport::PathExists((m_strLogPath + name.substr(0, archived)).c_str())) {
+      toviport::RemoveFile((m_strLogPath + name).c_str());
+    }
+  }
   RemoveOldZipFiles();
+}
+
+bool ToviLogWriter::IsTemporaryArchive(const char* name) const {
+  const std::size_t n = std::strlen(name);
+  return n == m_strPrefix.size() + logfilenames::kLongestAddition &&
+         std::strncmp(name, m_strPrefix.c_str(), m_strPrefix.size()) == 0 &&
+         EndsWith(name, ".log.gz.tmp");
 }
 
 void ToviLogWriter::RemoveOldZipFiles() {

@@ -1,42 +1,67 @@
 // GzipArchive.cpp - compressing one closed log file into a gzip file beside
-// it. The plain file is removed only when its whole content reached the
-// compressed copy; a copy that failed part-way is removed at once, so a
-// broken archive never stands in for a good log.
+// it.
+//
+// The compressed copy is written under a temporary name and renamed to its
+// final name only when complete, so a crash mid-way never leaves a partial
+// archive that looks finished; the plain file goes only after the rename.
+// The plain file's lock is held throughout: a live writer's open file is
+// never taken, and two writers that start together never compress the same
+// file at once. A final archive beside its plain file is therefore complete
+// (the process died between the rename and the removal): the plain file is
+// then removed rather than compressed twice.
 #include <memory>
 #include <new>
 #include <string>
 
 #include <zlib.h>
 
+#include "logwriter/LogFileNames.h"
 #include "logwriter/ToviLogWriter.h"
 #include "port/ToviPort.h"
 
 namespace {
 constexpr unsigned kBufferSize = 65536;
-constexpr unsigned kReadSize = kBufferSize - 1;
 }  // namespace
 
-void ToviLogWriter::CompressLogFile(const std::string& name) {
-  if (name.empty()) return;
-  const std::string dir = toviport::FullDirPath(m_strLogPath);
-  const std::string source = dir + name;
-  if (GzipFile(source, source + ".gz") == 0) toviport::RemoveFile(source.c_str());
+ToviLogWriter::ArchiveOutcome ToviLogWriter::CompressLogFile(const std::string& name) {
+  if (name.empty()) return ArchiveOutcome::Failed;
+  const std::string source = toviport::FullDirPath(m_strLogPath) + name;
+  int fd = -1;
+  const toviport::LockResult locked = toviport::OpenLocked(source, fd);
+  if (locked == toviport::LockResult::Busy) return ArchiveOutcome::Busy;
+  if (locked != toviport::LockResult::Locked) return ArchiveOutcome::Failed;
+  const std::string target = source + logfilenames::kArchiveSuffix;
+  toviport::FileStatus status;
+  const bool archived = toviport::GetFileStatus(target.c_str(), status) && status.isRegular;
+  const bool done = archived || GzipFile(fd, target) == 0;
+  if (done) toviport::RemoveFile(source.c_str());
+  toviport::CloseFile(fd);
+  return done ? ArchiveOutcome::Archived : ArchiveOutcome::Failed;
 }
 
-int ToviLogWriter::GzipFile(const std::string& source, const std::string& target) {
-  gzFile in = gzopen(source.c_str(), "rb");
-  if (in == nullptr) return -1;
-  gzFile out = gzopen(target.c_str(), "wb");
+int ToviLogWriter::GzipFile(int sourceFd, const std::string& target) {
+  const std::string temporary = target + logfilenames::kTemporarySuffix;
+  int outFd = -1;
+  toviport::CreateResult made = toviport::CreateNewFile(temporary, outFd);
+  if (made == toviport::CreateResult::Exists) {
+    // Left by a compression that died: whoever compresses holds the plain
+    // file's lock, and that is now us.
+    toviport::RemoveFile(temporary.c_str());
+    made = toviport::CreateNewFile(temporary, outFd);
+  }
+  if (made != toviport::CreateResult::Created) return -1;
+  gzFile out = gzdopen(outFd, "wb");
   if (out == nullptr) {
-    gzclose(in);
+    toviport::CloseFile(outFd);
+    toviport::RemoveFile(temporary.c_str());
     return -1;
   }
 
   bool complete = false;
-  std::unique_ptr<char[]> buffer(new (std::nothrow) char[kBufferSize]());
+  std::unique_ptr<char[]> buffer(new (std::nothrow) char[kBufferSize]);
   if (buffer != nullptr) {
     for (;;) {
-      const int n = gzread(in, buffer.get(), kReadSize);
+      const long n = toviport::ReadSome(sourceFd, buffer.get(), kBufferSize);
       if (n == 0) {
         complete = true;
         break;
@@ -47,8 +72,7 @@ int ToviLogWriter::GzipFile(const std::string& source, const std::string& target
   buffer.reset();
 
   const bool closed = gzclose(out) == Z_OK;
-  gzclose(in);
-  if (complete && closed) return 0;
-  toviport::RemoveFile(target.c_str());
+  if (complete && closed && toviport::RenameFile(temporary.c_str(), target.c_str()) == 0) return 0;
+  toviport::RemoveFile(temporary.c_str());
   return -1;
 }

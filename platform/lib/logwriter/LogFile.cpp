@@ -37,10 +37,9 @@ std::tm LocalTime(int64_t when) {
 bool ToviLogWriter::CreateLogFile() {
   const int64_t now = toviport::CurrentTime();
 
-  toviport::FileStatus status;
-  if (!toviport::GetFileStatus(m_strLogPath.c_str(), status)) {
-    toviport::MakeDir(m_strLogPath.c_str());
-  }
+  // The whole tree: the directory, or its parents too, may have been removed
+  // while the writer ran.
+  toviport::MakeDirTree(m_strLogPath.c_str());
 
   std::string name;
   int fd = -1;
@@ -55,6 +54,14 @@ bool ToviLogWriter::CreateLogFile() {
     const toviport::CreateResult made = toviport::CreateNewFile(m_strCurFile, fd);
     if (made == toviport::CreateResult::Exists) continue;
     if (made == toviport::CreateResult::Failed) return false;
+    // Held while the file is open: no writer of the same prefix compresses
+    // or removes it. Lost only to a writer that took the new file in the
+    // moment since its creation to compress it; then the next name is used.
+    if (!toviport::LockOpenFile(fd)) {
+      toviport::CloseFile(fd);
+      fd = -1;
+      continue;
+    }
     name = buf;
     break;
   }

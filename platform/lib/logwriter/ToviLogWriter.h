@@ -67,8 +67,12 @@ public:
 
   void MaintainArchives();
   int GetLogFileType(const char* name);
-  void CompressLogFile(const std::string& name);
-  static int GzipFile(const std::string& source, const std::string& target);
+  // Busy: a live writer (or another compressor) holds the file.
+  enum class ArchiveOutcome { Archived, Busy, Failed };
+  ArchiveOutcome CompressLogFile(const std::string& name);
+  bool IsTemporaryArchive(const char* name) const;
+  // Compresses the open file into target; 0 when target is complete.
+  static int GzipFile(int sourceFd, const std::string& target);
   void RemoveOldZipFiles();
 
   // True when producers must wait for room: the queued records and those the

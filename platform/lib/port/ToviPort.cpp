@@ -9,6 +9,7 @@
 #include <fcntl.h>
 #include <pthread.h>
 #include <sched.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 #include <sys/types.h>
@@ -106,6 +107,38 @@ int64_t OpenFileSize(int fd) {
 
 void CloseFile(int fd) {
   if (fd >= 0) ::close(fd);
+}
+
+bool LockOpenFile(int fd) { return ::flock(fd, LOCK_EX | LOCK_NB) == 0; }
+
+LockResult OpenLocked(const std::string& path, int& fd) {
+  fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return LockResult::Failed;
+  if (LockOpenFile(fd)) return LockResult::Locked;
+  const bool busy = errno == EWOULDBLOCK;
+  ::close(fd);
+  fd = -1;
+  return busy ? LockResult::Busy : LockResult::Failed;
+}
+
+long ReadSome(int fd, char* buffer, std::size_t size) {
+  for (;;) {
+    const ssize_t n = ::read(fd, buffer, size);
+    if (n >= 0 || errno != EINTR) return static_cast<long>(n);
+  }
+}
+
+int RenameFile(const char* from, const char* to) { return std::rename(from, to) == 0 ? 0 : -1; }
+
+bool CutFile(int fd, int64_t size) {
+  if (::ftruncate(fd, static_cast<off_t>(size)) != 0) return false;
+  return ::lseek(fd, static_cast<off_t>(size), SEEK_SET) == static_cast<off_t>(size);
+}
+
+int OpenFileLinks(int fd) {
+  struct stat st;
+  if (::fstat(fd, &st) != 0) return -1;
+  return static_cast<int>(st.st_nlink);
 }
 
 int RemoveFile(const char* path) {

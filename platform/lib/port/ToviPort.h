@@ -64,6 +64,33 @@ int64_t OpenFileSize(int fd);
 
 void CloseFile(int fd);
 
+// The advisory lock that a writer holds on its open log file, so that no
+// other writer of the same prefix compresses or removes it. Taken without
+// waiting; false when another holder has it (errno EWOULDBLOCK) or on error.
+bool LockOpenFile(int fd);
+
+// Opens an existing file for reading and takes its lock: Locked (fd holds
+// it), Busy when a live writer or a compressor holds it, Failed otherwise
+// (gone, say).
+enum class LockResult { Locked, Busy, Failed };
+LockResult OpenLocked(const std::string& path, int& fd);
+
+// read() that goes on after interruptions: bytes read, 0 at the end, -1 on
+// error (errno kept).
+long ReadSome(int fd, char* buffer, std::size_t size);
+
+// Renames within one file system, replacing a file of the new name; 0 on
+// success, -1 otherwise (errno kept).
+int RenameFile(const char* from, const char* to);
+
+// Cuts an open file back to size bytes and places the file offset there, so
+// that the next write continues at the cut; false on error (errno kept).
+bool CutFile(int fd, int64_t size);
+
+// How many directory entries name the open file: 0 once it has been removed
+// (with its directory, say), -1 when it cannot be read.
+int OpenFileLinks(int fd);
+
 // Removes a file; 0 on success.
 int RemoveFile(const char* path);
 
