@@ -50,7 +50,10 @@ std::vector<FileLinePattern> BuildPatterns() {
       true);
   add(EventKind::kFirstFile, "This is the first log file", false);
   add(EventKind::kThreadHandle, "Thread handle output string is 0x[0-9a-f]+", false);
-  add(EventKind::kDropped, R"(\d+ record\(s\) dropped while the log file could not be written)",
+  add(EventKind::kDropped,
+      R"(\d+ record\(s\) (?:dropped while the log file could not be written|)"
+      R"(may be lost: the log file was removed while it was written|)"
+      R"(not shown on the console: it did not take them in time))",
       false);
   add(EventKind::kThreadExit, "thread handle output string exit", false);
   add(EventKind::kWriterMessage,
@@ -131,7 +134,7 @@ std::size_t FindJoinedLine(std::string_view line) {
   static const RE2 kLineStart(
       R"((This is the first log file|Thread handle output string is 0x|Current date&time:\d|)"
       R"(\d\d:\d\d:\d\d\.\d{6}\.T[0-9a-f]+ |File close at |thread handle output string exit|)"
-      R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6} a|\d+ record\(s\) dropped ))");
+      R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6} a|\d+ record\(s\) (?:dropped|may be|not shown) ))");
   re2::StringPiece found;
   if (!RE2::PartialMatch(re2::StringPiece(line.data(), line.size()), kLineStart, &found)) {
     return std::string_view::npos;

@@ -16,7 +16,7 @@ enum class EventKind : uint8_t {
   kFirstFile,      // "This is the first log file"
   kThreadHandle,   // "Thread handle output string is 0x..."
   kDate,           // "Current date&time:..."
-  kDropped,        // "N record(s) dropped while the log file could not be written"
+  kDropped,        // "N record(s) dropped ...", "... may be lost ...", "... not shown ..."
   kThreadExit,     // "thread handle output string exit"
   kStop,           // "... about to clear m_DiscardQueue(N)" and the like
   kClose,          // "File close at ..."

@@ -21,9 +21,6 @@ namespace {
 constexpr int kNameAttempts = 3600;
 // The most a single write puts into the file.
 constexpr std::size_t kMaxWrite = 0x200000;
-// Pending bytes beyond this go to the kernel at once, so a batch never holds
-// much more than this in memory, nor keeps it from the disk.
-constexpr std::size_t kBatchBytes = 64 * 1024;
 const char kUtf8Bom[] = "\xEF\xBB\xBF";
 
 std::tm LocalTime(int64_t when) {
@@ -69,9 +66,13 @@ bool ToviLogWriter::CreateLogFile() {
 
   m_nFile = fd;
   m_nLastNameTime = nameTime;
-  if (m_strFirstFile.empty()) m_strFirstFile = m_strPrefix + name;
   m_nFileBytes = 0;
+  m_nFlushedBytes = 0;
+  m_nRecordsSinceCheck = 0;
+  m_nLastLinkCheckMs = toviport::SteadyMs();
   m_FileBatch.clear();
+  m_nBatchRecords = 0;
+  m_bFileFailed = false;
 
   if (TOVIIsGlobalVersion()) WriteString(kUtf8Bom);
   // The creation line carries the true time, even when the name had to move
@@ -83,7 +84,12 @@ bool ToviLogWriter::CreateLogFile() {
                 static_cast<int>(toviport::CurrentProcessId()));
   WriteString(line);
   WriteString(m_strHeader.c_str());
-  FlushFileBatch();
+  if (!FlushFileBatch()) {
+    // Not even the head fits (a full disk): no headless file stays behind.
+    AbandonFile();
+    return false;
+  }
+  if (m_strFirstFile.empty()) m_strFirstFile = m_strPrefix + name;
   return true;
 }
 
@@ -95,7 +101,13 @@ void ToviLogWriter::CloseLogFile() {
   char line[512];
   ACE_OS::snprintf(line, sizeof line, "File close at %s\n", when);
   WriteString(line);
-  FlushFileBatch();
+  if (!FlushFileBatch()) {
+    // What could not be written now never will be: count its records.
+    m_nDroppedRecords.fetch_add(m_nBatchRecords, std::memory_order_relaxed);
+    m_FileBatch.clear();
+    m_nBatchRecords = 0;
+    m_bFileFailed = false;
+  }
   toviport::CloseFile(m_nFile);
   m_nFile = -1;
 }
@@ -114,20 +126,27 @@ bool ToviLogWriter::WriteBytes(const char* data, std::size_t n) {
     return false;
   }
   m_nFileBytes += static_cast<int64_t>(n);
-  if (m_FileBatch.size() >= kBatchBytes) FlushFileBatch();
   return true;
 }
 
-void ToviLogWriter::FlushFileBatch() {
-  if (m_nFile < 0 || m_FileBatch.empty()) return;
+bool ToviLogWriter::FlushFileBatch() {
+  if (m_nFile < 0 || m_FileBatch.empty()) return !m_bFileFailed;
   std::size_t written = 0;
-  const bool ok = toviport::WriteAll(m_nFile, m_FileBatch.data(), m_FileBatch.size(), written);
-  m_FileBatch.clear();
-  if (ok) return;
-  // A failed write (a full disk, say) leaves the count at what the file
-  // really holds, so the roll-over test stays true to it.
-  const int64_t size = toviport::OpenFileSize(m_nFile);
-  if (size >= 0) m_nFileBytes = size;
+  if (toviport::WriteAll(m_nFile, m_FileBatch.data(), m_FileBatch.size(), written)) {
+    m_nFlushedBytes += static_cast<int64_t>(written);
+    m_nRecordsSinceCheck += m_nBatchRecords;
+    m_FileBatch.clear();
+    m_nBatchRecords = 0;
+    m_bFileFailed = false;
+    return true;
+  }
+  // The batch holds whole records only; cutting back to its start leaves no
+  // torn record, and the batch waits for the next file.
+  m_nWriteError = errno;
+  toviport::CutFile(m_nFile, m_nFlushedBytes);
+  m_nFileBytes = m_nFlushedBytes + static_cast<int64_t>(m_FileBatch.size());
+  m_bFileFailed = true;
+  return false;
 }
 
 bool ToviLogWriter::IsLogFileName(const char* name, int kind) const {

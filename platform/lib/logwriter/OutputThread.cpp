@@ -28,8 +28,6 @@ const ACE_Time_Value kIdleWake(0, 100 * 1000);
 constexpr std::size_t kBatchRecordBytes = 64 * 1024;
 // The nap after a batch that emptied the queue.
 constexpr unsigned kDryNapUs = 2000;
-// The retry period when a log file cannot be created.
-constexpr unsigned kCreateRetryMs = 1000;
 }  // namespace
 
 ToviLogWriter::ToviLogWriter(const std::string& logPath, const std::string& prefix,
@@ -51,6 +49,14 @@ ToviLogWriter::ToviLogWriter(const std::string& logPath, const std::string& pref
       m_nDroppedRecords(0),
       m_nLastNameTime(0),
       m_nFileBytes(0),
+      m_nFlushedBytes(0),
+      m_nBatchRecords(0),
+      m_bFileFailed(false),
+      m_nWriteError(0),
+      m_nRecordsSinceCheck(0),
+      m_nLastLinkCheckMs(0),
+      m_bConsoleStalled(false),
+      m_nConsoleDropped(0),
       m_hThread(),
       m_bArchiving(false),
       m_hArchiver() {
@@ -93,24 +99,6 @@ bool ToviLogWriter::SleepUnlessStopped(unsigned milliseconds) {
   return !m_bStopRequested.load(std::memory_order_acquire);
 }
 
-bool ToviLogWriter::CreateLogFileUntilStopped() {
-  while (!CreateLogFile()) {
-    m_bNoFile.store(true, std::memory_order_release);
-    if (!SleepUnlessStopped(kCreateRetryMs)) return false;
-  }
-  m_bNoFile.store(false, std::memory_order_release);
-  return true;
-}
-
-void ToviLogWriter::ReportDroppedRecords() {
-  if (m_nDroppedRecords.load(std::memory_order_relaxed) == 0) return;
-  const unsigned long long dropped = m_nDroppedRecords.exchange(0, std::memory_order_relaxed);
-  char line[512];
-  ACE_OS::snprintf(line, sizeof line,
-                "%llu record(s) dropped while the log file could not be written\n", dropped);
-  WriteString(line);
-}
-
 void* ToviLogWriter::OutputThread(void* arg) {
   ToviLogWriter* self = static_cast<ToviLogWriter*>(arg);
   if (self == nullptr) return nullptr;
@@ -129,13 +117,15 @@ void* ToviLogWriter::OutputThread(void* arg) {
   ACE_OS::snprintf(line, sizeof line, "Thread handle output string is 0x%x\n",
                 toviport::CurrentThreadId());
   self->WriteString(line);
-  self->FlushFileBatch();
+  if (!self->FlushFileBatch()) self->RecoverFromFailedWrite();
 
   self->DrainOutputQueue();
 
+  self->FlushConsoleBatch();
+  self->ReportConsoleDrops();
+  self->ReportDroppedRecords();
   self->WriteString("thread handle output string exit\n");
   self->FlushFileBatch();
-  self->FlushConsoleBatch();
   // The last touch of the writer: from here on the stopping thread owns it.
   self->m_bThreadExited.store(true, std::memory_order_release);
   return nullptr;
@@ -170,7 +160,8 @@ bool ToviLogWriter::WriteBatch(ACE_Message_Block* chain) {
   std::size_t bytes = 0;
   std::size_t length = 0;
   const auto handOver = [&] {
-    FlushFileBatch();
+    // The file first: a console that is slow must not keep records from it.
+    if (ReplaceRemovedFile() && !FlushFileBatch()) RecoverFromFailedWrite();
     FlushConsoleBatch();
     m_OutputQueue.release_bytes(bytes, length);
     bytes = length = 0;
@@ -201,9 +192,4 @@ bool ToviLogWriter::WriteBatch(ACE_Message_Block* chain) {
   }
   handOver();
   return false;
-}
-
-void ToviLogWriter::FlushConsoleBatch() {
-  toviport::ConsoleWrite(m_ConsoleBatch.data(), m_ConsoleBatch.size());
-  m_ConsoleBatch.clear();
 }

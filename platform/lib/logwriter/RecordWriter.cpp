@@ -21,6 +21,10 @@ namespace {
 // one value so that both are read and replaced together. 0: none yet.
 std::atomic<uint16_t> g_lastDay{0};
 
+// Pending file bytes beyond this go to the kernel at the end of the record,
+// so a batch never holds much more than this in memory, nor keeps it from
+// the disk.
+constexpr std::size_t kBatchBytes = 64 * 1024;
 constexpr std::size_t kDayOffset = 8;
 constexpr std::size_t kTimeOfDayOffset = 11;
 constexpr std::size_t kTimeOfDayLength = timestamp::kLength - kTimeOfDayOffset;
@@ -52,13 +56,20 @@ std::size_t FormatHead(const ToviLogRecord& record, char* out) {
 }  // namespace
 
 bool ToviLogWriter::RollOver() {
+  if (!FlushFileBatch()) return RecoverFromFailedWrite();
   CloseLogFile();
   ArchiveInBackground(m_strCurFile.substr(m_strLogPath.size()));
   return CreateLogFileUntilStopped();
 }
 
 bool ToviLogWriter::WriteRecord(ToviLogRecord* record, bool fromDiscardQueue) {
-  if (m_nFile < 0 || record == nullptr || record->m_pTime == nullptr) return false;
+  if (record == nullptr || record->m_pTime == nullptr) return false;
+  if (m_bFileFailed) RecoverFromFailedWrite();
+  if (m_nFile < 0) {
+    // Only after a stop during a wait for a file: the record is counted.
+    if (record->m_bLog) m_nDroppedRecords.fetch_add(1, std::memory_order_relaxed);
+    return false;
+  }
   ReportDroppedRecords();
   // Held-back records come out before the assertion that explains them.
   if (record->m_nLevel == LEVEL_ASSERT && !fromDiscardQueue) FlushDiscardQueue();
@@ -92,9 +103,11 @@ bool ToviLogWriter::WriteRecord(ToviLogRecord* record, bool fromDiscardQueue) {
     WriteBytes(text, textLen);
     if (needsLineEnd) WriteBytes("\n", 1);
     WriteBytes(asn.data(), asn.size());
+    ++m_nBatchRecords;
     if (m_nFileBytes > static_cast<int64_t>(m_nEachFileMaxSize)) {
-      FlushFileBatch();
       if (!RollOver()) return false;
+    } else if (m_FileBatch.size() >= kBatchBytes) {
+      FlushFileBatch();
     }
   }
   g_lastDay.store(day, std::memory_order_relaxed);
@@ -106,6 +119,7 @@ bool ToviLogWriter::WriteRecord(ToviLogRecord* record, bool fromDiscardQueue) {
       m_ConsoleBatch.append(head, headLen).append(text, textLen);
       if (needsLineEnd) m_ConsoleBatch += '\n';
       m_ConsoleBatch += asn;
+      m_ConsoleRecordEnds.push_back(m_ConsoleBatch.size());
     } catch (...) {
       return false;
     }

@@ -47,6 +47,9 @@ ToviLogWriter::~ToviLogWriter() {
       WaitForArchiving();
       DiscardUnusedEndMarker();
 
+      // Drops counted after the thread's last word (producers that gave up
+      // on a writer without a file).
+      ReportDroppedRecords();
       char stamp[512];
       char line[512];
       ACE::timestamp(stamp, sizeof stamp, false);

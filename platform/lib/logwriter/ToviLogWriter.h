@@ -27,6 +27,7 @@
 #include <atomic>
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include <ace/Thread_Mutex.h>
 
@@ -96,13 +97,25 @@ private:
   // Writes the records of a chain; true when it held the end marker.
   bool WriteBatch(ACE_Message_Block* chain);
   // Hands the pending file bytes, then the pending console text, on.
-  void FlushFileBatch();
+  // False when the write failed: the file was cut back to its last whole
+  // record and the batch is kept for RecoverFromFailedWrite.
+  bool FlushFileBatch();
   void FlushConsoleBatch();
+  void ReportConsoleDrops();
   bool RollOver();
   // Creates the next file, retrying once a second; false when a stop came
   // first.
   bool CreateLogFileUntilStopped();
   void ReportDroppedRecords();
+  // Closes the open file without a closing line; removes it if it is empty.
+  void AbandonFile();
+  // Moves the pending records of a failed file on to a new one; false when
+  // a stop came first.
+  bool RecoverFromFailedWrite();
+  // At most every half second: when the open file has been removed, opens a
+  // new one and says how many records may have been lost; false when a stop
+  // came first.
+  bool ReplaceRemovedFile();
   bool SleepUnlessStopped(unsigned milliseconds);
   void ClearQueueAtStop(RecordQueue& queue, const char* failure);
   void DiscardUnusedEndMarker();
@@ -138,9 +151,25 @@ private:
   // Bytes in the current file, pending ones included, so that the size test
   // after every record costs no system call.
   int64_t m_nFileBytes;
-  // What the writer thread has formatted but not yet handed to the kernel.
+  // Bytes of the current file known to be on their way to the disk.
+  int64_t m_nFlushedBytes;
+  // What the writer thread has formatted but not yet handed to the kernel:
+  // whole records only, so that a failed write can be undone cleanly.
   std::string m_FileBatch;
+  uint64_t m_nBatchRecords;
+  // The last write failed (errno in m_nWriteError); the batch still waits.
+  bool m_bFileFailed;
+  int m_nWriteError;
+  // Records handed to the kernel since the file was last seen to have a
+  // name, and when that was.
+  uint64_t m_nRecordsSinceCheck;
+  int64_t m_nLastLinkCheckMs;
   std::string m_ConsoleBatch;
+  // Where each record of m_ConsoleBatch ends, to count those a stalled
+  // console did not take.
+  std::vector<std::size_t> m_ConsoleRecordEnds;
+  bool m_bConsoleStalled;
+  uint64_t m_nConsoleDropped;
   ACE_hthread_t m_hThread;
   // The archiving thread of the last roll-over, while it may still run, and
   // the name of the file it compresses.

@@ -7,6 +7,8 @@
 #include <cstring>
 
 #include <fcntl.h>
+#include <poll.h>
+#include <stdio_ext.h>
 #include <pthread.h>
 #include <sched.h>
 #include <sys/file.h>
@@ -217,10 +219,58 @@ int ConsolePrintf(const char* format, ...) {
   return n;
 }
 
-void ConsoleWrite(const char* text, std::size_t size) {
-  if (size == 0) return;
-  std::fwrite(text, 1, size, stdout);
-  std::fflush(stdout);
+namespace {
+// Waits until standard output can take at least PIPE_BUF bytes without
+// blocking, or the deadline passes.
+bool StdoutWritable(int64_t deadline) {
+  for (;;) {
+    const int64_t left = deadline - SteadyMs();
+    struct pollfd out {STDOUT_FILENO, POLLOUT, 0};
+    const int ready = ::poll(&out, 1, left > 0 ? static_cast<int>(left) : 0);
+    if (ready < 0 && errno == EINTR) continue;
+    return ready > 0 && (out.revents & POLLOUT) != 0;
+  }
+}
+
+// What the process printed through stdio goes out before the records that
+// follow it, but only if that cannot block: the stream's lock may be held by
+// a thread stuck on the same output, and its buffer (at most a pipe's page)
+// goes out only when there is room for it.
+void FlushStdioAhead(int64_t deadline) {
+  if (::ftrylockfile(stdout) != 0) return;
+  if (__fpending(stdout) > 0 && __fpending(stdout) <= PIPE_BUF && StdoutWritable(deadline)) {
+    ::fflush_unlocked(stdout);
+  }
+  ::funlockfile(stdout);
+}
+}  // namespace
+
+std::size_t ConsoleWrite(const char* text, std::size_t size, unsigned waitMs) {
+  // Pieces of at most PIPE_BUF: once poll says a pipe has room, a write that
+  // small never blocks.
+  const int64_t deadline = SteadyMs() + waitMs;
+  FlushStdioAhead(deadline);
+  std::size_t written = 0;
+  while (written < size) {
+    const int64_t left = deadline - SteadyMs();
+    if (!StdoutWritable(deadline)) break;
+    const std::size_t piece = size - written < PIPE_BUF ? size - written : PIPE_BUF;
+    const ssize_t n = ::write(STDOUT_FILENO, text + written, piece);
+    if (n > 0) {
+      written += static_cast<std::size_t>(n);
+    } else if (n < 0 && errno != EINTR && errno != EAGAIN) {
+      break;
+    } else if (left <= 0) {
+      break;
+    }
+  }
+  return written;
+}
+
+int64_t SteadyMs() {
+  struct timespec now;
+  ::clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
 }
 
 }  // namespace toviport

@@ -129,9 +129,13 @@ void SleepUs(unsigned microseconds);
 // fputs and printf on the process's own streams.
 int PutString(const char* text, FILE* file);
 int ConsolePrintf(const char* format, ...) __attribute__((format(printf, 1, 2)));
-// Puts text on the process's standard output and hands it on at once, so
-// that console records are not held in the stream's buffer.
-void ConsoleWrite(const char* text, std::size_t size);
+// Puts text on the process's standard output, past the stream's buffer,
+// waiting at most waitMs in all for the output to take it: a pipe that
+// nobody reads must not hold the writer. Returns the bytes taken.
+std::size_t ConsoleWrite(const char* text, std::size_t size, unsigned waitMs);
+
+// A steady clock in milliseconds, for intervals only.
+int64_t SteadyMs();
 
 }  // namespace toviport
 
