@@ -35,6 +35,7 @@ TEST(LogRecord, MessageCutAndLevelPrefix) {
       {"M", LEVEL_WARN, "w", "M WARN: w"},
       {"M", 31, "n", "M n"},
       {" M", LEVEL_INFO, "blank in the name", " M INFO: blank in the name"},
+      {std::string(10000, 'n'), LEVEL_INFO, "long name", std::string(255, 'n') + " INFO: long name"},
   };
   std::vector<std::string> expected;
   {

@@ -24,8 +24,12 @@ namespace {
 
 // Generous enough for a loaded sanitizer build; only a hang exceeds it.
 constexpr double kHangBound = 5.0;
-// What the output queue holds before producers have to wait.
-constexpr std::size_t kQueueRecords = recordblock::kQueueWaterMark / recordblock::kBlockSizes[0];
+// What the output queue holds before producers have to wait: each small
+// record costs its block and ACE's two headers for it, and a record is let
+// in while the queue is below the mark.
+constexpr std::size_t kRecordCost =
+    recordblock::kBlockSizes[0] + sizeof(ACE_Message_Block) + sizeof(ACE_Data_Block);
+constexpr std::size_t kQueueRecords = (recordblock::kQueueWaterMark + kRecordCost - 1) / kRecordCost;
 const std::string kTag = "fault INFO: ";
 
 // How long f() takes, in seconds.

@@ -169,7 +169,7 @@ bool ToviLogWriter::WriteBatch(ACE_Message_Block* chain) {
   for (ACE_Message_Block* block = chain; block != nullptr;) {
     ACE_Message_Block* next = block->next();
     block->next(nullptr);
-    bytes += block->size();
+    bytes += RecordQueue::charge(block);
     length += block->length();
     ToviLogRecord* record = recordblock::RecordIn(block);
     const bool ended = record->IsEndMarker();

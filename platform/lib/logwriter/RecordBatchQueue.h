@@ -21,21 +21,32 @@
 
 class RecordBatchQueue : public ACE_Message_Queue<ACE_MT_SYNCH> {
 public:
+  // The memory a queued block really holds: its data and the two headers
+  // that ACE keeps for it. Counting only the data would let a queue of small
+  // records hold far more than its water mark says.
+  static std::size_t charge(const ACE_Message_Block* block) {
+    return block->size() + sizeof(ACE_Message_Block) + sizeof(ACE_Data_Block);
+  }
+
   // Appends one unchained block if there is room: -1 with EWOULDBLOCK when
-  // the queue is full (then ACE's waiting enqueue_tail takes over), or with
-  // ESHUTDOWN when it was deactivated.
-  int enqueue_record(ACE_Message_Block* block) {
+  // the queue is full, or with ESHUTDOWN when it was deactivated. With a
+  // timeout (an absolute time), waits for room until then.
+  int enqueue_record(ACE_Message_Block* block, ACE_Time_Value* timeout = nullptr) {
     ACE_GUARD_RETURN(ACE_Thread_Mutex, guard, this->lock_, -1);
     if (this->state_ == ACE_Message_Queue_Base::DEACTIVATED) {
       errno = ESHUTDOWN;
       return -1;
     }
     if (this->cur_bytes_ >= this->high_water_mark_) {
-      errno = EWOULDBLOCK;
-      return -1;
+      if (timeout == nullptr) {
+        errno = EWOULDBLOCK;
+        return -1;
+      }
+      // ACE's wait sets errno (EWOULDBLOCK on timeout, ESHUTDOWN).
+      if (this->wait_not_full_cond(timeout) == -1) return -1;
     }
     ++this->cur_count_;
-    this->cur_bytes_ += block->size();
+    this->cur_bytes_ += charge(block);
     this->cur_length_ += block->length();
     block->next(nullptr);
     block->prev(this->tail_);

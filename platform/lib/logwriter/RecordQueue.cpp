@@ -40,7 +40,7 @@ bool ToviLogWriter::EnqueueOutput(ACE_Message_Block* block) {
       stalledSlices = 0;
     }
     ACE_Time_Value deadline = ACE_OS::gettimeofday() + kRoomWaitSlice;
-    if (m_OutputQueue.enqueue_tail(block, &deadline) != -1) return true;
+    if (m_OutputQueue.enqueue_record(block, &deadline) != -1) return true;
   }
 }
 

@@ -1,8 +1,8 @@
 // AddLog.cpp - the tracing thread's whole share of a log message.
 //
-// This is the hot path: it takes a recycled block, writes the time, the
-// sub-module name, the level prefix and at most 2048 bytes of the message
-// into it behind the record, clones the optional ASN.1 value and queues the
+// This is the hot path: it takes a recycled block, writes the time, at most
+// 255 bytes of the sub-module name, the level prefix and at most 2048 bytes
+// of the message into it behind the record, clones the optional ASN.1 value and queues the
 // block. It does no I/O and, once the pool is warm, no allocation; everything
 // else happens on the writer thread.
 #include <cstring>
@@ -17,6 +17,9 @@
 
 namespace {
 constexpr std::size_t kMaxMessage = 2048;
+// Longer names are cut: a record's size, and with it what a stalled writer
+// holds, must not depend on what a caller passes as a name.
+constexpr std::size_t kMaxSubModuleName = 255;
 
 struct Prefix {
   const char* text;
@@ -41,7 +44,8 @@ bool ToviLogWriter::AddLog(const std::string& subModule, ToviLogLevel level, con
   // "<sub-module> <prefix><message>", the message cut at 2048 bytes.
   const Prefix prefix = LevelPrefix(level);
   const std::size_t messageLen = strnlen(text, kMaxMessage);
-  const std::size_t nameLen = subModule.size();
+  const std::size_t nameLen =
+      subModule.size() < kMaxSubModuleName ? subModule.size() : kMaxSubModuleName;
   const std::size_t textLen = nameLen + 1 + prefix.length + messageLen;
   const std::size_t bytes = recordblock::RecordBytes(textLen);
   ACE_Message_Block* block = recordblock::Acquire(bytes);
