@@ -64,7 +64,7 @@ bool ToviDebugMgr::Init(const std::string& strName, const std::string& strDebugC
   if (strName.empty()) return false;
   m_strInitName = strName;
 
-  if (!strLogPath.empty()) toviport::MakeDir(strLogPath.c_str());
+  if (!strLogPath.empty()) toviport::MakeDirTree(strLogPath.c_str());
   const std::string logDir = strLogPath.empty() ? ToviGetDefaultLogPath() : strLogPath;
   if (!strDebugCfgFile.empty()) m_strDebugCfgFile = strDebugCfgFile;
 

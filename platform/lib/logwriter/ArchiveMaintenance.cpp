@@ -67,6 +67,15 @@ void ToviLogWriter::MaintainArchives() {
   for (const std::string& name : plain) {
     if (CompressLogFile(name) != ArchiveOutcome::Busy) break;
   }
+  // Archiving that a crash interrupted is finished, whichever file it was:
+  // otherwise its records would be read twice, or never archived.
+  for (const std::string& name : plain) {
+    const std::string archive = m_strLogPath + name + logfilenames::kArchiveSuffix;
+    if (toviport::PathExists(archive.c_str()) ||
+        toviport::PathExists((archive + logfilenames::kTemporarySuffix).c_str())) {
+      CompressLogFile(name);
+    }
+  }
   // A temporary whose plain file is gone is what a compression left when it
   // died; one whose plain file is there is replaced when that file is
   // compressed.

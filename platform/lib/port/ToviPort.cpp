@@ -38,11 +38,6 @@ PathState CheckPath(const char* path) {
   return errno == ENAMETOOLONG ? PathState::TooLong : PathState::Absent;
 }
 
-int MakeDir(const char* path) {
-  if (path == nullptr) return -1;
-  return ::mkdir(path, 0777) == 0 ? 0 : -1;
-}
-
 static bool MakeOneLevel(const std::string& path) {
   if (::mkdir(path.c_str(), 0777) == 0) return true;
   // EEXIST also covers a creator that won the race.

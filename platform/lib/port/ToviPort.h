@@ -29,9 +29,6 @@ bool PathExists(const char* path);
 enum class PathState { Exists, Absent, TooLong };
 PathState CheckPath(const char* path);
 
-// Creates one directory level; 0 on success, -1 otherwise (errno kept).
-int MakeDir(const char* path);
-
 // Creates the directory and every missing parent with the system's own
 // calls. Components that exist already, or that another creator makes at the
 // same moment, are fine. True when the directory exists afterwards.
