@@ -33,19 +33,12 @@ int Parse(const char* text, Codes& codes) {
 }
 }  // namespace
 
-TEST(MsgTypeNames, WholeTableAndUnknownCodes) {
-  // Codes 0 and 11-15 have no name; everything past the table is "unknow".
-  const char* const expected[31] = {
-      "", "REQUESTBC", "RESPONSEBC", "REGISTER", "RESTART", "ANSFRAME",
-      "REQUESTNBC", "RESPONSENBC", "TIMER", "EXIT", "SVCTYPEINFO_REQ_V3",
-      "", "", "", "", "",
-      "SHAKEHAND", "RECONNECT", "GET_COUNTER_REQ", "GET_COUNTER_RSP", "INQUIRE",
-      "GET_SVR_STATE", "GET_TASKMGR_STATE", "CORE_DUMP_CMD", "MULTCMD_REG",
-      "HEARTBEAT_REQ", "HEARTBEAT_RSP", "DISPFAIL_RSP", "SVCTYPEINFO_REQ",
-      "QUERY_REQ", "QUERY_RSP"};
-  for (unsigned code = 0; code <= 255; ++code) {
-    const char* name = ToviGetMsgTypeString(static_cast<unsigned char>(code));
-    EXPECT_STREQ(name, code < 31 ? expected[code] : "unknow") << code;
+TEST(MsgTypeNames, GapsAreEmptyAndTheTableEndsAt30) {
+  EXPECT_STREQ(ToviGetMsgTypeString(1), "REQUESTBC");
+  EXPECT_STREQ(ToviGetMsgTypeString(11), "");
+  EXPECT_STREQ(ToviGetMsgTypeString(30), "QUERY_RSP");
+  for (unsigned code = 31; code <= 255; ++code) {
+    EXPECT_STREQ(ToviGetMsgTypeString(static_cast<unsigned char>(code)), "unknow") << code;
   }
 }
 
