@@ -54,7 +54,8 @@ bool ToviLogWriter::CreateLogFile() {
     // Held while the file is open: no writer of the same prefix compresses
     // or removes it. Lost only to a writer that took the new file in the
     // moment since its creation to compress it; then the next name is used.
-    if (!toviport::LockOpenFile(fd)) {
+    // A file system without such locks leaves the file unguarded.
+    if (toviport::LockOpenFile(fd) == toviport::LockResult::Busy) {
       toviport::CloseFile(fd);
       fd = -1;
       continue;

@@ -106,16 +106,19 @@ void CloseFile(int fd) {
   if (fd >= 0) ::close(fd);
 }
 
-bool LockOpenFile(int fd) { return ::flock(fd, LOCK_EX | LOCK_NB) == 0; }
+LockResult LockOpenFile(int fd) {
+  if (::flock(fd, LOCK_EX | LOCK_NB) == 0) return LockResult::Locked;
+  return errno == EWOULDBLOCK ? LockResult::Busy : LockResult::Failed;
+}
 
 LockResult OpenLocked(const std::string& path, int& fd) {
   fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) return LockResult::Failed;
-  if (LockOpenFile(fd)) return LockResult::Locked;
-  const bool busy = errno == EWOULDBLOCK;
+  const LockResult locked = LockOpenFile(fd);
+  if (locked == LockResult::Locked) return locked;
   ::close(fd);
   fd = -1;
-  return busy ? LockResult::Busy : LockResult::Failed;
+  return locked;
 }
 
 long ReadSome(int fd, char* buffer, std::size_t size) {

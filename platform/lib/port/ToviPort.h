@@ -63,13 +63,14 @@ void CloseFile(int fd);
 
 // The advisory lock that a writer holds on its open log file, so that no
 // other writer of the same prefix compresses or removes it. Taken without
-// waiting; false when another holder has it (errno EWOULDBLOCK) or on error.
-bool LockOpenFile(int fd);
+// waiting: Busy when another holder has it, Failed when the file system
+// offers no such lock.
+enum class LockResult { Locked, Busy, Failed };
+LockResult LockOpenFile(int fd);
 
 // Opens an existing file for reading and takes its lock: Locked (fd holds
 // it), Busy when a live writer or a compressor holds it, Failed otherwise
-// (gone, say).
-enum class LockResult { Locked, Busy, Failed };
+// (gone, say, or not lockable).
 LockResult OpenLocked(const std::string& path, int& fd);
 
 // read() that goes on after interruptions: bytes read, 0 at the end, -1 on
