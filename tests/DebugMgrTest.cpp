@@ -223,3 +223,31 @@ TEST(DebugMgr, RegistryChangesBesideLookupsAndTraces) {
   for (const auto& item : items) EXPECT_EQ(expected.erase(item.first), 1u) << item.first;
   EXPECT_TRUE(expected.empty());
 }
+
+// Threads trace while the manager is destroyed and go on with the old
+// pointer afterwards: every late call is refused, and ASan sees nothing
+// freed in use.
+TEST(DebugMgr, ManagerOutlivesTheCallsInIt) {
+  MgrSetup inst;
+  ToviDebugMgr* mgr = ToviDebugMgr::Instance();
+  ASSERT_TRUE(mgr->Init("gone_", "", inst.logs.path(), "", false, false));
+  std::atomic<bool> destroyed{false};
+  std::atomic<int> calls{0}, lateAccepted{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 3; ++t) {
+    threads.emplace_back([&, t] {
+      // No output is asked for, so nothing reaches the disk.
+      for (int late = 0; late < 200; ++calls) {
+        const bool after = destroyed.load();
+        const bool ok = t == 0 ? mgr->AppTrace("S", LEVEL_INFO, "x", nullptr, false, false, "a")
+                               : mgr->Trace("S", LEVEL_INFO, "x", nullptr, false, false);
+        if (after) ++late, lateAccepted += ok;
+      }
+    });
+  }
+  while (calls.load() < 3000) std::this_thread::yield();
+  ToviDebugMgr::Destroy();
+  destroyed = true;
+  for (std::thread& th : threads) th.join();
+  EXPECT_EQ(lateAccepted.load(), 0);
+}

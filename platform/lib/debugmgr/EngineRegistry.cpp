@@ -5,9 +5,12 @@
 
 #include "ToviDebugEngine.h"
 #include "ToviDebugMgr.h"
+#include "debugmgr/CallGate.h"
 
 bool ToviDebugMgr::RegDebugEngine(ToviDebugEngine* engine) {
   if (engine == nullptr) return false;
+  const callgate::Pass pass(this);
+  if (!pass) return false;
   ACE_Write_Guard<ACE_RW_Thread_Mutex> guard(m_RegistryLock);
   if (!guard.locked()) return false;
   m_pDebugEngine.store(engine, std::memory_order_release);
@@ -15,6 +18,8 @@ bool ToviDebugMgr::RegDebugEngine(ToviDebugEngine* engine) {
 }
 
 bool ToviDebugMgr::UnRegDebugEngine(ToviDebugEngine* engine) {
+  const callgate::Pass pass(this);
+  if (!pass) return false;
   ACE_Write_Guard<ACE_RW_Thread_Mutex> guard(m_RegistryLock);
   if (!guard.locked()) return false;
   if (engine != m_pDebugEngine.load(std::memory_order_relaxed)) return false;
@@ -24,6 +29,8 @@ bool ToviDebugMgr::UnRegDebugEngine(ToviDebugEngine* engine) {
 }
 
 ToviDebugEngine* ToviDebugMgr::GetDebugEngine() {
+  const callgate::Pass pass(this);
+  if (!pass) return nullptr;
   ACE_Write_Guard<ACE_RW_Thread_Mutex> guard(m_RegistryLock);
   if (!guard.locked()) return nullptr;
   return m_pDebugEngine.load(std::memory_order_relaxed);

@@ -12,6 +12,7 @@
 
 #include "ToviBaseUtil.h"
 #include "ToviDebugMgr.h"
+#include "debugmgr/CallGate.h"
 #include "debugmgr/NameRules.h"
 #include "logwriter/ToviLogWriter.h"
 #include "port/ToviPort.h"
@@ -56,6 +57,8 @@ bool ToviDebugMgr::Init(const std::string& strName, const std::string& strDebugC
                         const std::string& strLogPath, const std::string& strHeader,
                         bool bIgnored, bool bTraceOff) {
   (void)bIgnored;
+  const callgate::Pass pass(this);
+  if (!pass) return false;
   ACE_Write_Guard<ACE_RW_Thread_Mutex> guard(m_RegistryLock);
   if (!guard.locked()) return false;
   if (m_bInit.load(std::memory_order_relaxed)) return true;

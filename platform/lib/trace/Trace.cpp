@@ -1,7 +1,8 @@
 // Trace.cpp - the road of one trace call, from a product thread to a queued
 // record.
 //
-// The tests come in a fixed order: initialised, engine, trace-off, writer,
+// The tests come in a fixed order: the gate (the manager is still the
+// published one, see CallGate.h), initialised, engine, trace-off, writer,
 // arguments. Then the sub-module's masks may widen (never narrow) the
 // caller's console and file demands, and the writer's AddLog builds and
 // queues the record. Nothing here touches a file or the console; the lookup
@@ -18,6 +19,7 @@
 #include "ToviBaseUtil.h"
 #include "ToviDebugEngine.h"
 #include "ToviDebugMgr.h"
+#include "debugmgr/CallGate.h"
 #include "debugmgr/NameRules.h"
 #include "debugmgr/SubModuleIndex.h"
 #include "debugmgr/SubModuleInfo.h"
@@ -52,7 +54,8 @@ ACE_Thread_Mutex g_appWriterCreation;
 
 bool ToviDebugMgr::Trace(const std::string& subModule, ToviLogLevel level, const char* text,
                          const AsnType* asn, bool bPrint, bool bLog) {
-  if (!m_bInit.load(std::memory_order_acquire)) return false;
+  const callgate::Pass pass(this);
+  if (!pass || !m_bInit.load(std::memory_order_acquire)) return false;
   if (ToviDebugEngine* engine = m_pDebugEngine.load(std::memory_order_acquire)) {
     return engine->Trace(subModule, level, text, asn, bPrint, bLog);
   }
@@ -68,7 +71,8 @@ bool ToviDebugMgr::Trace(const std::string& subModule, ToviLogLevel level, const
 bool ToviDebugMgr::AppTrace(const std::string& subModule, ToviLogLevel level, const char* text,
                             const AsnType* asn, bool bPrint, bool bLog,
                             const std::string& appName) {
-  if (!m_bInit.load(std::memory_order_acquire)) return false;
+  const callgate::Pass pass(this);
+  if (!pass || !m_bInit.load(std::memory_order_acquire)) return false;
   if (ToviDebugEngine* engine = m_pDebugEngine.load(std::memory_order_acquire)) {
     return engine->AppTrace(subModule, level, text, asn, bPrint, bLog, appName);
   }
