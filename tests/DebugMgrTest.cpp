@@ -47,6 +47,21 @@ struct RecordingEngine : ToviDebugEngine {
   std::vector<std::string> calls;
 };
 
+// An engine that reads itself again after giving up the processor, so that
+// freeing it under a call is a use after free that ASan sees.
+struct BusyEngine : ToviDebugEngine {
+  bool Trace(const std::string&, ToviLogLevel, const char*, const AsnType*, bool, bool) override {
+    calls.fetch_add(1);
+    std::this_thread::yield();
+    return calls.load() > 0;
+  }
+  bool AppTrace(const std::string& sub, ToviLogLevel level, const char* text, const AsnType* asn,
+                bool bPrint, bool bLog, const std::string&) override {
+    return Trace(sub, level, text, asn, bPrint, bLog);
+  }
+  std::atomic<long> calls{0};
+};
+
 }  // namespace
 
 TEST(DebugMgr, LifecycleAndRegistry) {
@@ -224,30 +239,47 @@ TEST(DebugMgr, RegistryChangesBesideLookupsAndTraces) {
   EXPECT_TRUE(expected.empty());
 }
 
-// Threads trace while the manager is destroyed and go on with the old
-// pointer afterwards: every late call is refused, and ASan sees nothing
-// freed in use.
-TEST(DebugMgr, ManagerOutlivesTheCallsInIt) {
+// Threads trace through engines that are swapped out under them, then
+// through an engine or the writers while the manager is destroyed, and go on
+// with the old pointer afterwards: every late call is refused, and ASan sees
+// nothing freed in use.
+TEST(DebugMgr, EnginesAndManagerOutliveTheCallsInThem) {
   MgrSetup inst;
-  ToviDebugMgr* mgr = ToviDebugMgr::Instance();
-  ASSERT_TRUE(mgr->Init("gone_", "", inst.logs.path(), "", false, false));
-  std::atomic<bool> destroyed{false};
-  std::atomic<int> calls{0}, lateAccepted{0};
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 3; ++t) {
-    threads.emplace_back([&, t] {
-      // No output is asked for, so nothing reaches the disk.
-      for (int late = 0; late < 200; ++calls) {
-        const bool after = destroyed.load();
-        const bool ok = t == 0 ? mgr->AppTrace("S", LEVEL_INFO, "x", nullptr, false, false, "a")
-                               : mgr->Trace("S", LEVEL_INFO, "x", nullptr, false, false);
-        if (after) ++late, lateAccepted += ok;
+  for (const bool withEngine : {true, false}) {
+    ToviDebugMgr* mgr = ToviDebugMgr::Instance();
+    ASSERT_TRUE(mgr->Init("gone_", "", inst.logs.path(), "", false, false));
+    BusyEngine spare;
+    std::atomic<bool> destroyed{false};
+    std::atomic<int> calls{0}, lateAccepted{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 3; ++t) {
+      threads.emplace_back([&, t] {
+        // No output is asked for, so nothing reaches the disk.
+        for (int late = 0; late < 200; ++calls) {
+          const bool after = destroyed.load();
+          const bool ok = t == 0 ? mgr->AppTrace("S", LEVEL_INFO, "x", nullptr, false, false, "a")
+                                 : mgr->Trace("S", LEVEL_INFO, "x", nullptr, false, false);
+          if (after) ++late, lateAccepted += ok;
+        }
+      });
+    }
+    for (int i = 0; withEngine && i < 200; ++i) {
+      BusyEngine* engine = new BusyEngine;
+      EXPECT_TRUE(mgr->RegDebugEngine(engine));
+      while (engine->calls.load() < 3) std::this_thread::yield();
+      // Unregistered, the manager frees it; replaced, it comes back here.
+      if (i % 2 == 0) {
+        EXPECT_TRUE(mgr->UnRegDebugEngine(engine));
+      } else {
+        EXPECT_TRUE(mgr->RegDebugEngine(&spare));
+        delete engine;
       }
-    });
+    }
+    if (withEngine) mgr->RegDebugEngine(new BusyEngine);
+    while (calls.load() < 3000) std::this_thread::yield();
+    ToviDebugMgr::Destroy();
+    destroyed = true;
+    for (std::thread& th : threads) th.join();
+    EXPECT_EQ(lateAccepted.load(), 0);
   }
-  while (calls.load() < 3000) std::this_thread::yield();
-  ToviDebugMgr::Destroy();
-  destroyed = true;
-  for (std::thread& th : threads) th.join();
-  EXPECT_EQ(lateAccepted.load(), 0);
 }

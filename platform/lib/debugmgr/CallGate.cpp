@@ -91,8 +91,8 @@ Pass::Pass(const ToviDebugMgr* manager) {
   m_pCounter = &g_counts[g_epoch.load(std::memory_order_relaxed) & 1][slot.shard - 1].inside;
   m_pCounter->fetch_add(1, std::memory_order_seq_cst);
   ++slot.depth;
-  m_bAdmitted = manager != nullptr &&
-                ToviDebugMgr::m_pInstance.load(std::memory_order_seq_cst) == manager;
+  m_bAdmitted =
+      manager != nullptr && ToviDebugMgr::m_pInstance.load(std::memory_order_seq_cst) == manager;
 }
 
 Pass::~Pass() {

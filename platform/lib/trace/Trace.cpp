@@ -56,7 +56,8 @@ bool ToviDebugMgr::Trace(const std::string& subModule, ToviLogLevel level, const
                          const AsnType* asn, bool bPrint, bool bLog) {
   const callgate::Pass pass(this);
   if (!pass || !m_bInit.load(std::memory_order_acquire)) return false;
-  if (ToviDebugEngine* engine = m_pDebugEngine.load(std::memory_order_acquire)) {
+  // Read after passing the gate, in the order its freers rely on.
+  if (ToviDebugEngine* engine = m_pDebugEngine.load(std::memory_order_seq_cst)) {
     return engine->Trace(subModule, level, text, asn, bPrint, bLog);
   }
   if (m_bTraceOff.load(std::memory_order_acquire)) return false;
@@ -73,7 +74,7 @@ bool ToviDebugMgr::AppTrace(const std::string& subModule, ToviLogLevel level, co
                             const std::string& appName) {
   const callgate::Pass pass(this);
   if (!pass || !m_bInit.load(std::memory_order_acquire)) return false;
-  if (ToviDebugEngine* engine = m_pDebugEngine.load(std::memory_order_acquire)) {
+  if (ToviDebugEngine* engine = m_pDebugEngine.load(std::memory_order_seq_cst)) {
     return engine->AppTrace(subModule, level, text, asn, bPrint, bLog, appName);
   }
   if (m_bTraceOff.load(std::memory_order_acquire)) return false;
