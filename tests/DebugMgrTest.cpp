@@ -74,13 +74,17 @@ TEST(DebugMgr, LifecycleAndRegistry) {
 
   // Refused names leave the manager uninitialised and write nothing, but the
   // sub-modules read on the way are registered and can be changed; what
-  // needs an initialised manager is refused.
+  // needs an initialised manager is refused. A separator or ".." is refused
+  // where that path exists too, and so is a name that fits the file system
+  // while its longest file name (26 characters more) does not.
   WriteFile(inst.Conf("default_debug.cfg"), "MRB_level=1\nMRB_output=11\n");
-  const std::string tooLong(300, 'n');
-  for (const std::string& bad : {std::string(), std::string("a/b"), std::string("a\\b"), tooLong})
+  std::filesystem::create_directories(inst.logs / "sub/x");
+  const long nameMax = ::pathconf(inst.logs.path().c_str(), _PC_NAME_MAX);
+  for (const std::string& bad : {std::string(), std::string("sub/x"), std::string("a\\b"),
+                                 std::string(".."), std::string(nameMax - 25, 'n')})
     EXPECT_FALSE(mgr->Init(bad, "", inst.logs.path(), "", false, false)) << bad;
   EXPECT_FALSE(mgr->IsInit());
-  EXPECT_TRUE(ListDir(inst.logs.path()).empty());
+  EXPECT_EQ(ListDir(inst.logs / "sub"), std::vector<std::string>{"x"});
   EXPECT_FALSE(mgr->Trace("MRB", LEVEL_ASSERT, "refused", nullptr, false, true));
   EXPECT_TRUE(mgr->SetLogLevel("MRB", LEVEL_WARN, true));
   EXPECT_EQ(MasksOf(mgr, "MRB"), Masks(Bits({0, 2}), Bits({0, 1})));
@@ -89,12 +93,12 @@ TEST(DebugMgr, LifecycleAndRegistry) {
   EXPECT_FALSE(mgr->SetAllModuleInfo(Bits({0}), Bits({0}), false));
   EXPECT_FALSE(mgr->GetAllModuleInfo(items));
 
-  // A name with a separator is taken when that path stands in the log
-  // directory, and the configuration is read again.
-  std::filesystem::create_directories(inst.logs / "sub");
-  WriteFile(inst.logs / "sub/x", "");
+  // The longest name that fits is taken, and the configuration is read
+  // again; an application's name joined to it would not fit.
   WriteFile(inst.Conf("default_debug.cfg"), "debug_level=1\nMRB_level=01\nMRB_output=11\n");
-  ASSERT_TRUE(mgr->Init("sub/x", "", inst.logs.path(), "HEAD\n", false, false));
+  const std::string longest(nameMax - 26, 'n');
+  ASSERT_TRUE(mgr->Init(longest, "", inst.logs.path(), "HEAD\n", false, false));
+  EXPECT_FALSE(mgr->AppTrace("debug", LEVEL_INFO, "app", nullptr, false, true, "a"));
   EXPECT_EQ(MasksOf(mgr, "MRB"), Masks(Bits({1}), Bits({0, 1})));
   for (int i = 0; i < 10000; ++i) {
     const std::string text = "rec-" + std::to_string(i) + ";";
@@ -147,8 +151,7 @@ TEST(DebugMgr, LifecycleAndRegistry) {
   // Destroy comes while most records are still queued; all are written.
   ToviDebugMgr::Destroy();
   EXPECT_FALSE(std::filesystem::exists(inst.logs / "never"));
-  // The planted "x" sorts before the log file.
-  const std::string text = ReadFile(inst.logs / ("sub/" + ListDir(inst.logs / "sub").at(1)));
+  const std::string text = ReadFile(inst.logs / ListDir(inst.logs.path()).at(0));
   EXPECT_NE(text.find("HEAD\n"), std::string::npos);
   EXPECT_EQ(Occurrences(text, "debug INFO: rec-"), 10000u);
 

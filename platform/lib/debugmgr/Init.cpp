@@ -40,16 +40,10 @@ std::bitset<32> BoundMask(const std::bitset<32>& mask) {
   return std::bitset<32>(value > 4369 ? (value & 15) : value);
 }
 
-// The Init name ends up as the start of file names in the log directory: a
-// name that would leave the directory, or that the file system cannot take,
-// is refused. A name that simply does not exist yet is fine.
+// The Init name starts the names of the main writer's files: whether a path
+// of that name happens to exist says nothing about where they would land.
 bool InitNameUsable(const std::string& logDir, const std::string& name) {
-  const std::string path = logDir + name;
-  if (path.empty()) return true;
-  const toviport::PathState state = toviport::CheckPath(path.c_str());
-  if (state == toviport::PathState::Exists) return true;
-  if (HoldsPathSeparator(name)) return false;
-  return state != toviport::PathState::TooLong;
+  return !EscapesLogDirectory(name) && PrefixFitsFileNames(logDir, name);
 }
 }  // namespace
 

@@ -79,9 +79,7 @@ bool ToviDebugMgr::AppTrace(const std::string& subModule, ToviLogLevel level, co
   }
   if (m_bTraceOff.load(std::memory_order_acquire)) return false;
   if (text == nullptr || !ValidLevel(level)) return false;
-  // An application name becomes part of file names in the log directory; a
-  // separator would let it place files elsewhere.
-  if (appName.size() > kMaxAppName || HoldsPathSeparator(appName)) return false;
+  if (appName.size() > kMaxAppName || EscapesLogDirectory(appName)) return false;
 
   std::string name = m_strInitName;
   if (!appName.empty()) {
@@ -123,6 +121,8 @@ bool ToviDebugMgr::AppTrace(const std::string& subModule, ToviLogLevel level, co
       }
     }
     if (writer == nullptr) {
+      // Asked only here: a name in the table has passed already.
+      if (!PrefixFitsFileNames(logDir, name)) return false;
       ToviLogWriter* made = new (std::nothrow) ToviLogWriter(
           logDir, name, subModule, false, false, static_cast<unsigned>(m_nFiltLogBufSize),
           static_cast<unsigned>(m_nEachFileMaxSize), m_nEachProcessMaxZipNum);
