@@ -2,9 +2,10 @@
 //
 // Once registered with ToviDebugMgr::RegDebugEngine, an engine receives every
 // Trace and AppTrace call of the initialised manager, from any thread and
-// concurrently, and the manager owns it. The destructor is virtual and comes
-// after the two operations, so a derived engine's own clean-up runs when the
-// manager deletes it.
+// concurrently, and the manager owns it. Unregistering frees it, and
+// registering another hands it back, once the calls inside it have left.
+// The destructor is virtual and comes after the two operations, so a derived
+// engine's own clean-up runs when the manager deletes it.
 #ifndef TOVI_DEBUGENGINE_H
 #define TOVI_DEBUGENGINE_H
 

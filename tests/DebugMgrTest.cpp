@@ -47,6 +47,21 @@ struct RecordingEngine : ToviDebugEngine {
   std::vector<std::string> calls;
 };
 
+// An engine that reads itself again after giving up the processor, so that
+// freeing it under a call is a use after free that ASan sees.
+struct BusyEngine : ToviDebugEngine {
+  bool Trace(const std::string&, ToviLogLevel, const char*, const AsnType*, bool, bool) override {
+    calls.fetch_add(1);
+    std::this_thread::yield();
+    return calls.load() > 0;
+  }
+  bool AppTrace(const std::string& sub, ToviLogLevel level, const char* text, const AsnType* asn,
+                bool bPrint, bool bLog, const std::string&) override {
+    return Trace(sub, level, text, asn, bPrint, bLog);
+  }
+  std::atomic<long> calls{0};
+};
+
 }  // namespace
 
 TEST(DebugMgr, LifecycleAndRegistry) {
@@ -59,13 +74,17 @@ TEST(DebugMgr, LifecycleAndRegistry) {
 
   // Refused names leave the manager uninitialised and write nothing, but the
   // sub-modules read on the way are registered and can be changed; what
-  // needs an initialised manager is refused.
+  // needs an initialised manager is refused. A separator or ".." is refused
+  // where that path exists too, and so is a name that fits the file system
+  // while its longest file name (26 characters more) does not.
   WriteFile(inst.Conf("default_debug.cfg"), "MRB_level=1\nMRB_output=11\n");
-  const std::string tooLong(300, 'n');
-  for (const std::string& bad : {std::string(), std::string("a/b"), std::string("a\\b"), tooLong})
+  std::filesystem::create_directories(inst.logs / "sub/x");
+  const long nameMax = ::pathconf(inst.logs.path().c_str(), _PC_NAME_MAX);
+  for (const std::string& bad : {std::string(), std::string("sub/x"), std::string("a\\b"),
+                                 std::string(".."), std::string(nameMax - 25, 'n')})
     EXPECT_FALSE(mgr->Init(bad, "", inst.logs.path(), "", false, false)) << bad;
   EXPECT_FALSE(mgr->IsInit());
-  EXPECT_TRUE(ListDir(inst.logs.path()).empty());
+  EXPECT_EQ(ListDir(inst.logs / "sub"), std::vector<std::string>{"x"});
   EXPECT_FALSE(mgr->Trace("MRB", LEVEL_ASSERT, "refused", nullptr, false, true));
   EXPECT_TRUE(mgr->SetLogLevel("MRB", LEVEL_WARN, true));
   EXPECT_EQ(MasksOf(mgr, "MRB"), Masks(Bits({0, 2}), Bits({0, 1})));
@@ -74,12 +93,12 @@ TEST(DebugMgr, LifecycleAndRegistry) {
   EXPECT_FALSE(mgr->SetAllModuleInfo(Bits({0}), Bits({0}), false));
   EXPECT_FALSE(mgr->GetAllModuleInfo(items));
 
-  // A name with a separator is taken when that path stands in the log
-  // directory, and the configuration is read again.
-  std::filesystem::create_directories(inst.logs / "sub");
-  WriteFile(inst.logs / "sub/x", "");
+  // The longest name that fits is taken, and the configuration is read
+  // again; an application's name joined to it would not fit.
   WriteFile(inst.Conf("default_debug.cfg"), "debug_level=1\nMRB_level=01\nMRB_output=11\n");
-  ASSERT_TRUE(mgr->Init("sub/x", "", inst.logs.path(), "HEAD\n", false, false));
+  const std::string longest(nameMax - 26, 'n');
+  ASSERT_TRUE(mgr->Init(longest, "", inst.logs.path(), "HEAD\n", false, false));
+  EXPECT_FALSE(mgr->AppTrace("debug", LEVEL_INFO, "app", nullptr, false, true, "a"));
   EXPECT_EQ(MasksOf(mgr, "MRB"), Masks(Bits({1}), Bits({0, 1})));
   for (int i = 0; i < 10000; ++i) {
     const std::string text = "rec-" + std::to_string(i) + ";";
@@ -132,8 +151,7 @@ TEST(DebugMgr, LifecycleAndRegistry) {
   // Destroy comes while most records are still queued; all are written.
   ToviDebugMgr::Destroy();
   EXPECT_FALSE(std::filesystem::exists(inst.logs / "never"));
-  // The planted "x" sorts before the log file.
-  const std::string text = ReadFile(inst.logs / ("sub/" + ListDir(inst.logs / "sub").at(1)));
+  const std::string text = ReadFile(inst.logs / ListDir(inst.logs.path()).at(0));
   EXPECT_NE(text.find("HEAD\n"), std::string::npos);
   EXPECT_EQ(Occurrences(text, "debug INFO: rec-"), 10000u);
 
@@ -222,4 +240,49 @@ TEST(DebugMgr, RegistryChangesBesideLookupsAndTraces) {
   for (int i = 0; i < kThreads * kNames; ++i) expected.insert(name(i / kNames, i));
   for (const auto& item : items) EXPECT_EQ(expected.erase(item.first), 1u) << item.first;
   EXPECT_TRUE(expected.empty());
+}
+
+// Threads trace through engines that are swapped out under them, then
+// through an engine or the writers while the manager is destroyed, and go on
+// with the old pointer afterwards: every late call is refused, and ASan sees
+// nothing freed in use.
+TEST(DebugMgr, EnginesAndManagerOutliveTheCallsInThem) {
+  MgrSetup inst;
+  for (const bool withEngine : {true, false}) {
+    ToviDebugMgr* mgr = ToviDebugMgr::Instance();
+    ASSERT_TRUE(mgr->Init("gone_", "", inst.logs.path(), "", false, false));
+    BusyEngine spare;
+    std::atomic<bool> destroyed{false};
+    std::atomic<int> calls{0}, lateAccepted{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 3; ++t) {
+      threads.emplace_back([&, t] {
+        // No output is asked for, so nothing reaches the disk.
+        for (int late = 0; late < 200; ++calls) {
+          const bool after = destroyed.load();
+          const bool ok = t == 0 ? mgr->AppTrace("S", LEVEL_INFO, "x", nullptr, false, false, "a")
+                                 : mgr->Trace("S", LEVEL_INFO, "x", nullptr, false, false);
+          if (after) ++late, lateAccepted += ok;
+        }
+      });
+    }
+    for (int i = 0; withEngine && i < 200; ++i) {
+      BusyEngine* engine = new BusyEngine;
+      EXPECT_TRUE(mgr->RegDebugEngine(engine));
+      while (engine->calls.load() < 3) std::this_thread::yield();
+      // Unregistered, the manager frees it; replaced, it comes back here.
+      if (i % 2 == 0) {
+        EXPECT_TRUE(mgr->UnRegDebugEngine(engine));
+      } else {
+        EXPECT_TRUE(mgr->RegDebugEngine(&spare));
+        delete engine;
+      }
+    }
+    if (withEngine) mgr->RegDebugEngine(new BusyEngine);
+    while (calls.load() < 3000) std::this_thread::yield();
+    ToviDebugMgr::Destroy();
+    destroyed = true;
+    for (std::thread& th : threads) th.join();
+    EXPECT_EQ(lateAccepted.load(), 0);
+  }
 }

@@ -135,7 +135,7 @@ TEST(TraceApp, WriterPerApplicationNameUpToTheTableBound) {
   EXPECT_TRUE(mgr->AppTrace("First", LEVEL_INFO, "a1", nullptr, false, false, "App"));
   EXPECT_TRUE(mgr->AppTrace("Second", LEVEL_WARN, "a2", nullptr, false, false, "App"));
   for (const std::string& name :
-       {n128 + "n", std::string("a/b"), std::string("a\\b"), std::string("/../../out")})
+       {n128 + "n", std::string("a/b"), std::string("a\\b"), std::string("..")})
     EXPECT_FALSE(mgr->AppTrace("Bad", LEVEL_INFO, "bad", nullptr, false, true, name)) << name;
   EXPECT_TRUE(mgr->AppTrace("Long", LEVEL_INFO, "l1", nullptr, false, false, n128));
   // The table is full now: every application call is refused, known names too.

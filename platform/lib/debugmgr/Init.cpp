@@ -12,6 +12,7 @@
 
 #include "ToviBaseUtil.h"
 #include "ToviDebugMgr.h"
+#include "debugmgr/CallGate.h"
 #include "debugmgr/NameRules.h"
 #include "logwriter/ToviLogWriter.h"
 #include "port/ToviPort.h"
@@ -39,16 +40,10 @@ std::bitset<32> BoundMask(const std::bitset<32>& mask) {
   return std::bitset<32>(value > 4369 ? (value & 15) : value);
 }
 
-// The Init name ends up as the start of file names in the log directory: a
-// name that would leave the directory, or that the file system cannot take,
-// is refused. A name that simply does not exist yet is fine.
+// The Init name starts the names of the main writer's files: whether a path
+// of that name happens to exist says nothing about where they would land.
 bool InitNameUsable(const std::string& logDir, const std::string& name) {
-  const std::string path = logDir + name;
-  if (path.empty()) return true;
-  const toviport::PathState state = toviport::CheckPath(path.c_str());
-  if (state == toviport::PathState::Exists) return true;
-  if (HoldsPathSeparator(name)) return false;
-  return state != toviport::PathState::TooLong;
+  return !EscapesLogDirectory(name) && PrefixFitsFileNames(logDir, name);
 }
 }  // namespace
 
@@ -56,6 +51,8 @@ bool ToviDebugMgr::Init(const std::string& strName, const std::string& strDebugC
                         const std::string& strLogPath, const std::string& strHeader,
                         bool bIgnored, bool bTraceOff) {
   (void)bIgnored;
+  const callgate::Pass pass(this);
+  if (!pass) return false;
   ACE_Write_Guard<ACE_RW_Thread_Mutex> guard(m_RegistryLock);
   if (!guard.locked()) return false;
   if (m_bInit.load(std::memory_order_relaxed)) return true;

@@ -3,11 +3,13 @@
 //
 // The singleton pointer is read without a lock on every Instance() call, so
 // it is published with a release store only after the manager is fully
-// built (double-checked creation).
+// built (double-checked creation). Destroy takes it back first and frees the
+// manager only once the calls inside have left (see CallGate.h).
 #include <ace/Guard_T.h>
 
 #include "ToviDebugEngine.h"
 #include "ToviDebugMgr.h"
+#include "debugmgr/CallGate.h"
 #include "debugmgr/SubModuleIndex.h"
 #include "debugmgr/SubModuleInfo.h"
 #include "logwriter/ToviLogWriter.h"
@@ -43,16 +45,17 @@ ToviDebugMgr* ToviDebugMgr::Instance() {
 void ToviDebugMgr::Destroy() {
   ACE_Guard<ACE_Recursive_Thread_Mutex> guard(m_InstanceLock);
   if (!guard.locked()) return;
-  ToviDebugMgr* manager = m_pInstance.load(std::memory_order_relaxed);
+  // The gate refuses every call on this manager from here on.
+  ToviDebugMgr* manager = m_pInstance.exchange(nullptr, std::memory_order_seq_cst);
   if (manager == nullptr) return;
+  // A manager that a call may still be inside is left alive, unreachable:
+  // freeing it would pull the writers and the engine from under that call.
+  if (!callgate::WaitForCallsInside()) return;
   delete manager;
-  m_pInstance.store(nullptr, std::memory_order_release);
 }
 
+// Runs once no call is inside and none can enter (Destroy).
 ToviDebugMgr::~ToviDebugMgr() {
-  // Trace calls are refused from here on.
-  m_bInit.store(false, std::memory_order_release);
-
   delete m_pDebugEngine.exchange(nullptr, std::memory_order_acq_rel);
 
   {
@@ -70,7 +73,10 @@ ToviDebugMgr::~ToviDebugMgr() {
   m_SubModuleMap.clear();
 }
 
-bool ToviDebugMgr::IsInit() const { return m_bInit.load(std::memory_order_acquire); }
+bool ToviDebugMgr::IsInit() const {
+  const callgate::Pass pass(this);
+  return pass && m_bInit.load(std::memory_order_acquire);
+}
 
 int ToviDebugMgr::system(const char* command) { return toviport::RunCommand(command); }
 

@@ -10,6 +10,7 @@
 #include <ace/Guard_T.h>
 
 #include "ToviDebugMgr.h"
+#include "debugmgr/CallGate.h"
 #include "debugmgr/SubModuleIndex.h"
 #include "debugmgr/SubModuleInfo.h"
 
@@ -27,10 +28,14 @@ SubModuleInfo* ChangeTarget(std::map<std::string, SubModuleInfo*>& registry,
 }  // namespace
 
 void ToviDebugMgr::SetDefLogLevel(ToviLogLevel level) {
+  const callgate::Pass pass(this);
+  if (!pass) return;
   m_nDefLogLevel.store(level, std::memory_order_relaxed);
 }
 
 void ToviDebugMgr::SetDefSubModuleName(const std::string& name) {
+  const callgate::Pass pass(this);
+  if (!pass) return;
   ACE_Guard<ACE_Thread_Mutex> guard(m_DefaultsLock);
   try {
     m_strDefSubModuleName = name;
@@ -46,6 +51,8 @@ std::string ToviDebugMgr::DefSubModuleName() {
 
 bool ToviDebugMgr::RegSubModuleInfo(const std::string& name, const std::bitset<32>& level,
                                     const std::bitset<32>& output, bool bUseDebugDefault) {
+  const callgate::Pass pass(this);
+  if (!pass) return false;
   ACE_Write_Guard<ACE_RW_Thread_Mutex> guard(m_RegistryLock);
   if (!guard.locked() || !m_bInit.load(std::memory_order_acquire)) return false;
   return RegSubModuleInfo_i(name, level, output, bUseDebugDefault);
@@ -84,7 +91,8 @@ bool ToviDebugMgr::RegSubModuleInfo_i(const std::string& name, const std::bitset
 
 bool ToviDebugMgr::GetSubModuleInfo(const std::string& name, std::bitset<32>& level,
                                     std::bitset<32>& output) {
-  return GetSubModuleInfo_i(name, level, output);
+  const callgate::Pass pass(this);
+  return pass && GetSubModuleInfo_i(name, level, output);
 }
 
 bool ToviDebugMgr::GetSubModuleInfo_i(const std::string& name, std::bitset<32>& level,
@@ -98,6 +106,8 @@ bool ToviDebugMgr::GetSubModuleInfo_i(const std::string& name, std::bitset<32>& 
 
 bool ToviDebugMgr::SetLogLevel(const std::string& name, ToviLogLevel level, bool on) {
   if (!ValidBit(level)) return false;
+  const callgate::Pass pass(this);
+  if (!pass) return false;
   ACE_Write_Guard<ACE_RW_Thread_Mutex> guard(m_RegistryLock);
   if (!guard.locked()) return false;
   SubModuleInfo* entry = ChangeTarget(m_SubModuleMap, name);
@@ -106,6 +116,8 @@ bool ToviDebugMgr::SetLogLevel(const std::string& name, ToviLogLevel level, bool
 
 bool ToviDebugMgr::SetLogOutput(const std::string& name, ToviOutputDirection direction, bool on) {
   if (!ValidBit(direction)) return false;
+  const callgate::Pass pass(this);
+  if (!pass) return false;
   ACE_Write_Guard<ACE_RW_Thread_Mutex> guard(m_RegistryLock);
   if (!guard.locked()) return false;
   SubModuleInfo* entry = ChangeTarget(m_SubModuleMap, name);
@@ -114,6 +126,8 @@ bool ToviDebugMgr::SetLogOutput(const std::string& name, ToviOutputDirection dir
 
 bool ToviDebugMgr::GetAllModuleInfo(
     std::map<std::string, std::pair<std::bitset<32>, std::bitset<32>>>& items) {
+  const callgate::Pass pass(this);
+  if (!pass) return false;
   ACE_Read_Guard<ACE_RW_Thread_Mutex> guard(m_RegistryLock);
   if (!guard.locked() || !m_bInit.load(std::memory_order_acquire)) return false;
   for (const auto& entry : m_SubModuleMap) {
@@ -124,6 +138,8 @@ bool ToviDebugMgr::GetAllModuleInfo(
 
 bool ToviDebugMgr::SetAllModuleInfo(const std::bitset<32>& level, const std::bitset<32>& output,
                                     bool bUseDebugDefault) {
+  const callgate::Pass pass(this);
+  if (!pass) return false;
   ACE_Write_Guard<ACE_RW_Thread_Mutex> guard(m_RegistryLock);
   if (!guard.locked() || !m_bInit.load(std::memory_order_acquire)) return false;
   std::bitset<32> newLevel = level;

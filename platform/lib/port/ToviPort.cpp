@@ -75,6 +75,29 @@ std::string FullDirPath(const std::string& dir) {
   return out;
 }
 
+// "a/b/" and "a/b" give "a", "a" gives ".", "/a" gives "/"; "." and "/" give
+// themselves.
+static std::string ParentDir(const std::string& dir) {
+  const std::size_t end = dir.find_last_not_of('/');
+  if (end == std::string::npos) return "/";
+  const std::size_t slash = dir.rfind('/', end);
+  if (slash == std::string::npos) return ".";
+  const std::size_t keep = dir.find_last_not_of('/', slash);
+  return keep == std::string::npos ? "/" : dir.substr(0, keep + 1);
+}
+
+long MaxNameLength(const std::string& dir) {
+  constexpr long kUsual = 255;
+  std::string at = dir.empty() ? std::string(".") : dir;
+  for (;;) {
+    const long limit = ::pathconf(at.c_str(), _PC_NAME_MAX);
+    if (limit > 0) return limit;
+    std::string parent = ParentDir(at);
+    if (parent == at) return kUsual;
+    at.swap(parent);
+  }
+}
+
 CreateResult CreateNewFile(const std::string& path, int& fd) {
   fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
   if (fd >= 0) return CreateResult::Created;

@@ -46,6 +46,11 @@ bool GetFileStatus(const char* path, FileStatus& status);
 // be formed (the directory is gone, say) the path comes back unchanged.
 std::string FullDirPath(const std::string& dir);
 
+// The longest name of one entry that the file system holding dir takes. A
+// directory that cannot be asked (not made yet, say) is answered for by its
+// nearest ancestor that can; 255 when none can.
+long MaxNameLength(const std::string& dir);
+
 // Creates a new, empty file and never touches an existing one: Exists when
 // something of that name is there already, Failed for every other reason.
 // On Created, fd holds the file opened for writing.

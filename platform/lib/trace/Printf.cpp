@@ -7,6 +7,7 @@
 
 #include "ToviDebugMgr.h"
 #include "ToviInterString.h"
+#include "debugmgr/CallGate.h"
 #include "port/ToviPort.h"
 
 namespace {
@@ -27,7 +28,8 @@ bool TraceFormatted(ToviDebugMgr& manager, const std::string& subModule, ToviLog
 }  // namespace
 
 void ToviDebugMgr::Printf(ToviLogLevel level, const char* format, ...) {
-  if (!IsInit()) return;
+  const callgate::Pass pass(this);
+  if (!pass || !m_bInit.load(std::memory_order_acquire)) return;
   va_list args;
   va_start(args, format);
   const bool traced = TraceFormatted(*this, DefSubModuleName(), level, format, args);
@@ -37,7 +39,8 @@ void ToviDebugMgr::Printf(ToviLogLevel level, const char* format, ...) {
 
 void ToviDebugMgr::Printf(ToviLogLevel level, const ToviInterString& subModule,
                           const char* format, ...) {
-  if (!IsInit()) return;
+  const callgate::Pass pass(this);
+  if (!pass || !m_bInit.load(std::memory_order_acquire)) return;
   va_list args;
   va_start(args, format);
   TraceFormatted(*this, subModule.str(), level, format, args);
@@ -45,7 +48,8 @@ void ToviDebugMgr::Printf(ToviLogLevel level, const ToviInterString& subModule,
 }
 
 void ToviDebugMgr::Printf(const char* format, ...) {
-  if (!IsInit()) return;
+  const callgate::Pass pass(this);
+  if (!pass || !m_bInit.load(std::memory_order_acquire)) return;
   va_list args;
   va_start(args, format);
   TraceFormatted(*this, DefSubModuleName(), m_nDefLogLevel.load(std::memory_order_relaxed), format,

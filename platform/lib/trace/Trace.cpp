@@ -1,7 +1,8 @@
 // Trace.cpp - the road of one trace call, from a product thread to a queued
 // record.
 //
-// The tests come in a fixed order: initialised, engine, trace-off, writer,
+// The tests come in a fixed order: the gate (the manager is still the
+// published one, see CallGate.h), initialised, engine, trace-off, writer,
 // arguments. Then the sub-module's masks may widen (never narrow) the
 // caller's console and file demands, and the writer's AddLog builds and
 // queues the record. Nothing here touches a file or the console; the lookup
@@ -18,6 +19,7 @@
 #include "ToviBaseUtil.h"
 #include "ToviDebugEngine.h"
 #include "ToviDebugMgr.h"
+#include "debugmgr/CallGate.h"
 #include "debugmgr/NameRules.h"
 #include "debugmgr/SubModuleIndex.h"
 #include "debugmgr/SubModuleInfo.h"
@@ -52,8 +54,10 @@ ACE_Thread_Mutex g_appWriterCreation;
 
 bool ToviDebugMgr::Trace(const std::string& subModule, ToviLogLevel level, const char* text,
                          const AsnType* asn, bool bPrint, bool bLog) {
-  if (!m_bInit.load(std::memory_order_acquire)) return false;
-  if (ToviDebugEngine* engine = m_pDebugEngine.load(std::memory_order_acquire)) {
+  const callgate::Pass pass(this);
+  if (!pass || !m_bInit.load(std::memory_order_acquire)) return false;
+  // Read after passing the gate, in the order its freers rely on.
+  if (ToviDebugEngine* engine = m_pDebugEngine.load(std::memory_order_seq_cst)) {
     return engine->Trace(subModule, level, text, asn, bPrint, bLog);
   }
   if (m_bTraceOff.load(std::memory_order_acquire)) return false;
@@ -68,15 +72,14 @@ bool ToviDebugMgr::Trace(const std::string& subModule, ToviLogLevel level, const
 bool ToviDebugMgr::AppTrace(const std::string& subModule, ToviLogLevel level, const char* text,
                             const AsnType* asn, bool bPrint, bool bLog,
                             const std::string& appName) {
-  if (!m_bInit.load(std::memory_order_acquire)) return false;
-  if (ToviDebugEngine* engine = m_pDebugEngine.load(std::memory_order_acquire)) {
+  const callgate::Pass pass(this);
+  if (!pass || !m_bInit.load(std::memory_order_acquire)) return false;
+  if (ToviDebugEngine* engine = m_pDebugEngine.load(std::memory_order_seq_cst)) {
     return engine->AppTrace(subModule, level, text, asn, bPrint, bLog, appName);
   }
   if (m_bTraceOff.load(std::memory_order_acquire)) return false;
   if (text == nullptr || !ValidLevel(level)) return false;
-  // An application name becomes part of file names in the log directory; a
-  // separator would let it place files elsewhere.
-  if (appName.size() > kMaxAppName || HoldsPathSeparator(appName)) return false;
+  if (appName.size() > kMaxAppName || EscapesLogDirectory(appName)) return false;
 
   std::string name = m_strInitName;
   if (!appName.empty()) {
@@ -118,6 +121,8 @@ bool ToviDebugMgr::AppTrace(const std::string& subModule, ToviLogLevel level, co
       }
     }
     if (writer == nullptr) {
+      // Asked only here: a name in the table has passed already.
+      if (!PrefixFitsFileNames(logDir, name)) return false;
       ToviLogWriter* made = new (std::nothrow) ToviLogWriter(
           logDir, name, subModule, false, false, static_cast<unsigned>(m_nFiltLogBufSize),
           static_cast<unsigned>(m_nEachFileMaxSize), m_nEachProcessMaxZipNum);
