@@ -32,12 +32,6 @@ bool PathExists(const char* path) {
   return ::access(path, F_OK) == 0;
 }
 
-PathState CheckPath(const char* path) {
-  if (path == nullptr) return PathState::Absent;
-  if (::access(path, F_OK) == 0) return PathState::Exists;
-  return errno == ENAMETOOLONG ? PathState::TooLong : PathState::Absent;
-}
-
 static bool MakeOneLevel(const std::string& path) {
   if (::mkdir(path.c_str(), 0777) == 0) return true;
   // EEXIST also covers a creator that won the race.

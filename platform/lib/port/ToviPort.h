@@ -23,12 +23,6 @@ const char* GetEnv(const char* name);
 // True when something of that name exists (file, directory or other).
 bool PathExists(const char* path);
 
-// The outcome of an existence test with the reason when the answer is no.
-// TooLong covers a whole path or a single component that the file system
-// cannot take; every other reason (not there yet, no access) is Absent.
-enum class PathState { Exists, Absent, TooLong };
-PathState CheckPath(const char* path);
-
 // Creates the directory and every missing parent with the system's own
 // calls. Components that exist already, or that another creator makes at the
 // same moment, are fine. True when the directory exists afterwards.
