@@ -6,7 +6,6 @@
 #include <cstdio>
 #include <map>
 
-#include "ToviDebugMgr.h"
 #include "WriterTestSupport.h"
 
 using namespace tovitest;
@@ -16,19 +15,11 @@ namespace {
 typedef std::pair<std::bitset<32>, std::bitset<32>> Masks;
 typedef std::map<std::string, Masks> ModuleMap;
 
-// The files of a case and a log directory; every case leaves the process
-// without a manager.
-struct Installation : ScopedRoot {
-  using ScopedRoot::ScopedRoot;
-  ~Installation() { ToviDebugMgr::Destroy(); }
-  TempDir logs;
-};
-
 // The registry after a trace-off Init, which reads the configuration and
 // makes no writer; given names Init's debug file in etc/conf/.
 ModuleMap Registry(const std::string& debugFile, const std::string& productFile,
                    const std::string& given = "") {
-  Installation inst(debugFile, productFile);
+  MgrRoot inst(debugFile, productFile);
   ToviDebugMgr* mgr = ToviDebugMgr::Instance();
   ModuleMap modules;
   const std::string path = given.empty() ? "" : inst.Conf(given);
@@ -42,7 +33,7 @@ ModuleMap Registry(const std::string& debugFile, const std::string& productFile,
 void CheckLimits(const std::string& debugFile, const std::string& productFile,
                  const std::string& initName, int appWriters, int held, int archives) {
   SCOPED_TRACE(initName);
-  Installation inst(debugFile, productFile);
+  MgrRoot inst(debugFile, productFile);
   for (int i = 0; i < 60; ++i) {
     char stamp[32];
     std::snprintf(stamp, sizeof stamp, "20010101_0000%02d.log.gz", i);

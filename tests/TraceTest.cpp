@@ -3,15 +3,9 @@
 // a record reaches, and the per-application writers under concurrent use.
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <cstdio>
 #include <map>
 #include <regex>
-#include <string>
-#include <thread>
-#include <vector>
 
-#include "ToviDebugMgr.h"
 #include "WriterTestSupport.h"
 #include "port/ToviPort.h"
 
@@ -20,11 +14,7 @@ using namespace tovitest;
 namespace {
 
 // A record as this thread would make it: "<tid hex> <record text>".
-std::string Mine(const std::string& text) {
-  char tid[16];
-  std::snprintf(tid, sizeof tid, "%x ", toviport::CurrentThreadId());
-  return tid + text;
-}
+std::string Mine(const std::string& text) { return Hex(toviport::CurrentThreadId()) + " " + text; }
 
 const char kTime[] = R"(\d\d:\d\d:\d\d\.\d{6}\.T)";
 
@@ -60,23 +50,16 @@ std::string Logged(const std::string& dir, const std::string& prefix) {
   return all;
 }
 
-// A fresh installation root with the given debug configuration; the manager
-// is gone again when the test ends.
-struct TraceSetup : ScopedRoot {
-  using ScopedRoot::ScopedRoot;
-  ~TraceSetup() { ToviDebugMgr::Destroy(); }
-  bool Init(bool traceOff = false) {
-    return ToviDebugMgr::Instance()->Init("trc", "", logs, "hdr\n", false, traceOff);
-  }
-  std::string logs = root / "logs/";
-};
+bool Init(const MgrRoot& setup, bool traceOff = false) {
+  return ToviDebugMgr::Instance()->Init("trc", "", setup.logs.path(), "hdr\n", false, traceOff);
+}
 
 }  // namespace
 
 TEST(Trace, RefusalsLeaveNothingAndMasksOnlyWiden) {
   // "debug": INFO only, console and file. "Quiet": INFO, no output.
   // "Loud": INFO, console only.
-  TraceSetup setup(
+  MgrRoot setup(
       "debug_level=0001\ndebug_output=11\nQuiet_level=0001\nQuiet_output=00\n"
       "Loud_level=0001\nLoud_output=10\n");
   ToviDebugMgr* mgr = ToviDebugMgr::Instance();
@@ -87,12 +70,12 @@ TEST(Trace, RefusalsLeaveNothingAndMasksOnlyWiden) {
   };
   refused(LEVEL_INFO, "before Init");
   // Trace-off: initialised, but with no writer to take anything.
-  ASSERT_TRUE(setup.Init(true));
+  ASSERT_TRUE(Init(setup, true));
   refused(LEVEL_INFO, "trace off");
   ToviDebugMgr::Destroy();
 
   mgr = ToviDebugMgr::Instance();
-  ASSERT_TRUE(setup.Init());
+  ASSERT_TRUE(Init(setup));
   for (int level : {-1, 32}) refused(static_cast<ToviLogLevel>(level), "bad level");
   refused(LEVEL_INFO, nullptr);
   StdoutCapture out;
@@ -117,8 +100,8 @@ TEST(Trace, RefusalsLeaveNothingAndMasksOnlyWiden) {
   EXPECT_TRUE(Matches(
       printed, Lines({"Unreg INFO: a", "Quiet INFO: d", "Loud INFO: f", "Loud INFO: g",
                       "Unreg WARN: i", "Unreg WARN: b", "Quiet INFO: c", "Unreg ASSERT: z"})));
-  EXPECT_EQ(ListDir(setup.logs).size(), 1u) << "a refused call made a writer";
-  EXPECT_TRUE(Matches(Logged(setup.logs, "trc"),
+  EXPECT_EQ(ListDir(setup.logs.path()).size(), 1u) << "a refused call made a writer";
+  EXPECT_TRUE(Matches(Logged(setup.logs.path(), "trc"),
                       WholeFile("hdr\n", {"Unreg INFO: a", "Quiet INFO: e", "Loud INFO: f",
                                           "Loud WARN: h", "S edge", "Unreg WARN: i",
                                           "Unreg WARN: b", "Quiet INFO: c", "Unreg ASSERT: z"})));
@@ -126,8 +109,8 @@ TEST(Trace, RefusalsLeaveNothingAndMasksOnlyWiden) {
 
 TEST(TraceApp, WriterPerApplicationNameUpToTheTableBound) {
   // Room for the main writer and two more.
-  TraceSetup setup("debug_level=1111\ndebug_output=01\nnMaxFileNum=2\n");
-  ASSERT_TRUE(setup.Init());
+  MgrRoot setup("debug_level=1111\ndebug_output=01\nnMaxFileNum=2\n");
+  ASSERT_TRUE(Init(setup));
   ToviDebugMgr* mgr = ToviDebugMgr::Instance();
   const std::string n128(128, 'n');
   EXPECT_TRUE(mgr->Trace("Main", LEVEL_INFO, "m1", nullptr, false, false));
@@ -144,20 +127,20 @@ TEST(TraceApp, WriterPerApplicationNameUpToTheTableBound) {
   EXPECT_TRUE(mgr->Trace("Main", LEVEL_INFO, "m3", nullptr, false, false));
   ToviDebugMgr::Destroy();
 
-  EXPECT_EQ(ListDir(setup.root.path()), (std::vector<std::string>{"etc", "logs"}));
-  EXPECT_EQ(ListDir(setup.logs).size(), 3u) << "a refused name left something in the log directory";
-  EXPECT_TRUE(Matches(Logged(setup.logs, "trc"),
+  EXPECT_EQ(ListDir(setup.root.path()), std::vector<std::string>{"etc"});
+  EXPECT_EQ(ListDir(setup.logs.path()).size(), 3u) << "a refused name left something in the log directory";
+  EXPECT_TRUE(Matches(Logged(setup.logs.path(), "trc"),
                       WholeFile("hdr\n", {"Main INFO: m1", "Main INFO: m2", "Main INFO: m3"})));
   // The first call's sub-module heads an application's file.
-  EXPECT_TRUE(Matches(Logged(setup.logs, "trcApp_"),
+  EXPECT_TRUE(Matches(Logged(setup.logs.path(), "trcApp_"),
                       WholeFile("First", {"First INFO: a1", "Second WARN: a2"})));
   EXPECT_TRUE(
-      Matches(Logged(setup.logs, "trc" + n128 + "_"), WholeFile("Long", {"Long INFO: l1"})));
+      Matches(Logged(setup.logs.path(), "trc" + n128 + "_"), WholeFile("Long", {"Long INFO: l1"})));
 }
 
 TEST(TraceConcurrency, NewApplicationNamesRaceWhileMasksChange) {
-  TraceSetup setup("debug_level=1111\ndebug_output=01\nnMaxFileNum=10\n");
-  ASSERT_TRUE(setup.Init());
+  MgrRoot setup("debug_level=1111\ndebug_output=01\nnMaxFileNum=10\n");
+  ASSERT_TRUE(Init(setup));
   ToviDebugMgr* mgr = ToviDebugMgr::Instance();
   constexpr int kThreads = 6, kRounds = 200;
   const std::vector<std::string> apps = {"X", "Y", "Z"};
@@ -202,7 +185,7 @@ TEST(TraceConcurrency, NewApplicationNamesRaceWhileMasksChange) {
   for (const char* app : {"", "X_", "Y_", "Z_"}) {
     // Each name's file is headed by a tracing thread's sub-module; with the
     // count of files below, one writer and one file for each name.
-    const std::string prefix = "trc" + std::string(app), content = Logged(setup.logs, prefix);
+    const std::string prefix = "trc" + std::string(app), content = Logged(setup.logs.path(), prefix);
     EXPECT_TRUE(!*app || std::regex_search(content, std::regex("\nT[0-5]This is the first")));
     for (std::sregex_iterator it(content.begin(), content.end(), record), end; it != end; ++it)
       written[prefix + " " + (*it)[2].str()].push_back((*it)[1]);
@@ -210,5 +193,5 @@ TEST(TraceConcurrency, NewApplicationNamesRaceWhileMasksChange) {
   for (int t = 0; t < kThreads; ++t)
     for (const auto& [prefix, records] : traced[t])
       EXPECT_EQ(written[prefix + " T" + std::to_string(t)], records) << prefix << " from T" << t;
-  EXPECT_EQ(ListDir(setup.logs).size(), 1 + apps.size());
+  EXPECT_EQ(ListDir(setup.logs.path()).size(), 1 + apps.size());
 }
