@@ -173,20 +173,13 @@ protected:
     return ids;
   }
 
-  static std::unique_ptr<ScopedEnv> zone_;
-  static std::unique_ptr<ScopedRoot> root_;
-  static std::unique_ptr<TempDir> dir_;
-  static std::string days_[2];
-  static std::string appThread_;  // of the last phase
-  static std::vector<Traced> records_;
+  static inline std::unique_ptr<ScopedEnv> zone_;
+  static inline std::unique_ptr<ScopedRoot> root_;
+  static inline std::unique_ptr<TempDir> dir_;
+  static inline std::string days_[2];
+  static inline std::string appThread_;  // of the last phase
+  static inline std::vector<Traced> records_;
 };
-
-std::unique_ptr<ScopedEnv> TovilogSet::zone_;
-std::unique_ptr<ScopedRoot> TovilogSet::root_;
-std::unique_ptr<TempDir> TovilogSet::dir_;
-std::string TovilogSet::days_[2];
-std::string TovilogSet::appThread_;
-std::vector<Traced> TovilogSet::records_;
 
 }  // namespace
 
