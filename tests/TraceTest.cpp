@@ -13,6 +13,8 @@ using namespace tovitest;
 
 namespace {
 
+typedef std::map<std::string, std::pair<std::bitset<32>, std::bitset<32>>> ModuleMap;
+
 // A record as this thread would make it: "<tid hex> <record text>".
 std::string Mine(const std::string& text) { return Hex(toviport::CurrentThreadId()) + " " + text; }
 
@@ -93,8 +95,7 @@ TEST(Trace, RefusalsLeaveNothingAndMasksOnlyWiden) {
   EXPECT_TRUE(mgr->Trace("Unreg", LEVEL_WARN, "i", nullptr, false, false));  // both now
   EXPECT_TRUE(mgr->Trace("Unreg", LEVEL_ASSERT, "z", nullptr, true, true));  // flushes b and c
   ToviDebugMgr::Destroy();
-  const std::string printed = out.Text();
-  out.Restore();
+  const std::string printed = out.Restore();
 
   // Standard output whole: these records and nothing else.
   EXPECT_TRUE(Matches(
@@ -138,6 +139,8 @@ TEST(TraceApp, WriterPerApplicationNameUpToTheTableBound) {
       Matches(Logged(setup.logs.path(), "trc" + n128 + "_"), WholeFile("Long", {"Long INFO: l1"})));
 }
 
+// The registry changes under the lookups of every call: tracing threads
+// register names of their own, one thread changes masks and reads them all.
 TEST(TraceConcurrency, NewApplicationNamesRaceWhileMasksChange) {
   MgrRoot setup("debug_level=1111\ndebug_output=01\nnMaxFileNum=10\n");
   ASSERT_TRUE(Init(setup));
@@ -164,6 +167,7 @@ TEST(TraceConcurrency, NewApplicationNamesRaceWhileMasksChange) {
         EXPECT_TRUE(mgr->Trace(sub, LEVEL_INFO, text.c_str(), nullptr, false, r % 2 == 0));
         for (const std::string& prefix : {"trc" + app + "_", std::string("trc")})
           traced[t][prefix].push_back(Mine(sub + " INFO: " + text));
+        EXPECT_TRUE(mgr->RegSubModuleInfo(sub + "_" + std::to_string(r), 0xF, 0, r % 4 == 0));
       }
       --tracing;
     });
@@ -171,13 +175,19 @@ TEST(TraceConcurrency, NewApplicationNamesRaceWhileMasksChange) {
   // This thread changes masks meanwhile.
   --waiting;
   while (waiting.load() > 0) std::this_thread::yield();
+  ModuleMap items;
   for (int k = 0; tracing.load() > 0 && k < 20000; ++k) {
-    mgr->SetLogLevel("debug", static_cast<ToviLogLevel>(4 + k % 8), k % 2 == 0);
-    mgr->RegSubModuleInfo("Extra" + std::to_string(k % 50), 0xF, 0, false);
+    bool ok = mgr->SetLogLevel("debug", static_cast<ToviLogLevel>(4 + k % 8), k % 2 == 0);
+    // Levels 0 to 3 and the file, for every name: what the calls need stays.
+    if (k % 10 == 0) ok &= mgr->SetAllModuleInfo(0xF, 0x2, false);
+    if (k % 10 == 5) ok &= mgr->GetAllModuleInfo(items);
+    EXPECT_TRUE(ok) << k;
     std::this_thread::yield();
   }
   for (auto& th : threads) th.join();
+  ASSERT_TRUE(mgr->GetAllModuleInfo(items));
   ToviDebugMgr::Destroy();
+  EXPECT_EQ(items.size(), 1u + kThreads * kRounds);  // "debug" and every name registered
 
   // Per file prefix and sub-module: what was written, in file order.
   std::map<std::string, std::vector<std::string>> written;
