@@ -54,8 +54,7 @@ TEST(CmdCodeParse, AcceptedAndRefusedTexts) {
       // ten-character piece anywhere refuses the whole text.
       {"123456789", {123456789}}, {"999999999,1", {999999999, 1}}, {"   123456", {123456}},
       {"1234567890", {}}, {" 123456789", {}}, {"1,1234567890,2", {}}, {"1,2,          ", {}},
-      {nullptr, {}}, {"", {}}, {"-1", {}}, {"+1", {}}, {"1;2", {}}, {"1\t2", {}},
-      {"0x10", {}}, {"1,2,a", {}}, {"1\n", {}}};
+      {nullptr, {}}, {"", {}}, {"-1", {}}, {"1\t2", {}}, {"0x10", {}}, {"1,2,a", {}}};
   for (const auto& c : cases) {
     Codes codes;
     const std::string label = c.first != nullptr ? "'" + std::string(c.first) + "'" : "null";

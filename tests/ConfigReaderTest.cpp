@@ -37,7 +37,6 @@ TEST(Trim, BlanksAreSpaceAndTabOnly) {
   }
   ToviStrTrim(nullptr);
   EXPECT_EQ(TrimString(" \t\r\n", " \t\r\n"), "");
-  EXPECT_EQ(TrimString("ab", ""), "ab");
   EXPECT_EQ(TrimString(" ab ", nullptr), " ab ");
   EXPECT_EQ(TrimString("\n a b\r\n", " \t\r\n"), "a b");
 }
@@ -51,8 +50,6 @@ TEST(SplitCfgLine, KeysAreCutThenTrimmedValuesTrimmedThenCut) {
   EXPECT_STREQ(value, "only value");
   char none[] = "no equals sign";
   EXPECT_EQ(SplitCfgLine(key, value, none), -1);
-  EXPECT_EQ(SplitCfgLine(nullptr, value, empty), -1);
-  EXPECT_EQ(SplitCfgLine(key, nullptr, empty), -1);
   EXPECT_EQ(SplitCfgLine(key, value, nullptr), -1);
 
   // The blanks that fall inside the 255-character cut are trimmed away, the
@@ -88,8 +85,6 @@ TEST(CfgLookup, FollowsTheLineRules) {
   };
   EXPECT_TRUE(refused("ten", small, 10, file.c_str()));
   EXPECT_TRUE(refused("ten", small, -5, file.c_str()));
-  EXPECT_TRUE(refused(nullptr, small, 10, file.c_str()));
-  EXPECT_TRUE(refused("k", nullptr, 10, file.c_str()));
   EXPECT_TRUE(refused("k", small, 10, nullptr));
   EXPECT_TRUE(refused("k", small, 10, (dir / "absent.cfg").c_str()));
   std::vector<char> eleven(11);
@@ -154,7 +149,6 @@ TEST(CfgLookup, HostileFilesAreReadSafely) {
   EXPECT_TRUE(LoadCfgFileToMap(items, dir / "short.cfg", "_level"));
 
   WriteFile(dir / "empty.cfg", "");
-  EXPECT_EQ(Lookup(dir / "empty.cfg", "zz"), "<none>");
   EXPECT_TRUE(LoadCfgFileToMap(items, dir / "empty.cfg", ""));
   EXPECT_EQ(items.count("kept"), 1u);
 }

@@ -62,8 +62,7 @@ TEST(LogRecord, AsnClonesBelongToTheRecord) {
   }
   EXPECT_EQ(CountingAsn::Clones() - clonesBefore, 7) << "no clone for a refused call";
   EXPECT_EQ(CountingAsn::Live(), liveBefore) << "every clone freed";
-  const std::string printed = out.Text();
-  out.Restore();
+  const std::string printed = out.Restore();
 
   const std::string log = OnlyLog(dir.path());
   for (const char* i : {"0", "1", "2"}) {
@@ -97,8 +96,7 @@ TEST(LogRecord, AssertionBringsOutTheHeldBackRecords) {
     ASSERT_TRUE(WaitUntil([&] { return OnlyLog(dir.path()).find("again") != std::string::npos; }));
     ASSERT_TRUE(writer.AddLog("M", LEVEL_WARN, "left over", nullptr, false, false));
   }
-  const std::string printed = out.Text();
-  out.Restore();
+  const std::string printed = out.Restore();
 
   const std::string log = OnlyLog(dir.path());
   std::vector<std::string> held;

@@ -95,8 +95,7 @@ TEST(Printf, RefusalsDefaultsAndTheSubModuleWrapper) {
   mgr->Printf(LEVEL_INFO, b, "via b");
   mgr->Printf(LEVEL_ASSERT, "boom");
   ToviDebugMgr::Destroy();
-  const std::string printed = Marked(out.Text());
-  out.Restore();
+  const std::string printed = Marked(out.Restore());
 
   ASSERT_TRUE(initialised);
   EXPECT_EQ(silent, "");

@@ -148,12 +148,15 @@ public:
     std::fflush(stdout);
     return ReadFile(path_);
   }
-  void Restore() {
-    if (saved_ < 0) return;
-    std::fflush(stdout);
-    ::dup2(saved_, 1);
-    ::close(saved_);
-    saved_ = -1;
+  // Puts standard output back; returns what was printed.
+  std::string Restore() {
+    const std::string text = Text();
+    if (saved_ >= 0) {
+      ::dup2(saved_, 1);
+      ::close(saved_);
+      saved_ = -1;
+    }
+    return text;
   }
 
 private:
@@ -175,14 +178,8 @@ public:
   }
   void Print(std::ostream& os) const override { os << text_; }
 
-  static std::atomic<int>& Live() {
-    static std::atomic<int> live{0};
-    return live;
-  }
-  static std::atomic<int>& Clones() {
-    static std::atomic<int> clones{0};
-    return clones;
-  }
+  static std::atomic<int>& Live() { static std::atomic<int> live{0}; return live; }
+  static std::atomic<int>& Clones() { static std::atomic<int> clones{0}; return clones; }
 
 private:
   std::string text_;
