@@ -74,7 +74,6 @@ TEST(DebugConfig, MasksFromTheDebugAndProductFiles) {
                "nMaxFileNum=20\n"),
       (ModuleMap{{"debug", {Bits({0, 1, 2}), Bits({1})}}, {"MRB", {Bits({0}), Bits({0, 1})}}}));
   EXPECT_EQ(Registry("debug_level=\n", ""), (ModuleMap{{"debug", {Bits({}), Bits({1})}}}));
-  EXPECT_EQ(Registry("debug_level=1 1\n", ""), (ModuleMap{{"debug", defaults}}));
   // 40 characters: whatever stands in front of the last 32 is ignored.
   EXPECT_EQ(Registry("debug_level=a b=1 0x1" + std::string(31, '0') + "\n", ""),
             (ModuleMap{{"debug", {Bits({0}), Bits({1})}}}));

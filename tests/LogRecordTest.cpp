@@ -1,11 +1,8 @@
-// Records on their way through a writer: message cuts and level prefixes,
-// the ownership of ASN.1 clones, and the held-back records that an assertion
-// brings out.
+// Records on their way through a writer: the held-back records that an
+// assertion brings out, and the time stamp of every record.
 #include <gtest/gtest.h>
 
 #include <ctime>
-#include <memory>
-#include <tuple>
 
 #include <ace/ACE.h>
 
@@ -15,63 +12,6 @@
 #include "port/ToviPort.h"
 
 using namespace tovitest;
-
-TEST(LogRecord, MessageCutAndLevelPrefix) {
-  TempDir dir;
-  const std::string exact(2048, 'e');
-  std::string huge(10000, 'h');
-  huge[2048] = 'X';
-  // Sub-module, level, text, and the record text expected in the file.
-  const std::vector<std::tuple<std::string, int, std::string, std::string>> cases = {
-      {"M", LEVEL_INFO, exact, "M INFO: " + exact},
-      {"M", LEVEL_INFO, huge, "M INFO: " + huge.substr(0, 2048)},
-      {"M", LEVEL_ASSERT, "a", "M ASSERT: a"},
-      {"M", 31, "n", "M n"},
-      {" M", LEVEL_INFO, "blank in the name", " M INFO: blank in the name"},
-      {std::string(10000, 'n'), LEVEL_INFO, "long name", std::string(255, 'n') + " INFO: long name"},
-  };
-  std::vector<std::string> expected;
-  {
-    ToviLogWriter writer(dir.path(), "cut", "", false, false, 10, 1048576, 10);
-    for (const auto& [sub, level, text, record] : cases) {
-      ASSERT_TRUE(writer.AddLog(sub.c_str(), static_cast<ToviLogLevel>(level), text.c_str(),
-                                nullptr, false, true));
-      expected.push_back(record);
-    }
-  }
-  EXPECT_EQ(RecordTexts(OnlyLog(dir.path())), expected);
-}
-
-TEST(LogRecord, AsnClonesBelongToTheRecord) {
-  TempDir dir;
-  const int liveBefore = CountingAsn::Live();
-  const int clonesBefore = CountingAsn::Clones();
-  StdoutCapture out;
-  {
-    ToviLogWriter writer(dir.path(), "asn", "", false, false, 10, 1048576, 10);
-    for (int i = 0; i < 3; ++i) {
-      auto value = std::make_unique<CountingAsn>("value " + std::to_string(i));
-      ASSERT_TRUE(writer.AddLog("M", LEVEL_INFO, "msg", value.get(), i == 2, true));
-      // Destroying the caller's object at once must not change the log.
-    }
-    // Clones of records that are still held back when the writer stops are
-    // freed with them.
-    CountingAsn held("held");
-    for (int i = 0; i < 4; ++i) writer.AddLog("M", LEVEL_WARN, "filtered", &held, false, false);
-    EXPECT_FALSE(writer.AddLog("M", LEVEL_INFO, nullptr, &held, true, true));
-  }
-  EXPECT_EQ(CountingAsn::Clones() - clonesBefore, 7) << "no clone for a refused call";
-  EXPECT_EQ(CountingAsn::Live(), liveBefore) << "every clone freed";
-  const std::string printed = out.Restore();
-
-  const std::string log = OnlyLog(dir.path());
-  for (const char* i : {"0", "1", "2"}) {
-    EXPECT_NE(log.find(std::string("M INFO: msg\nASN Trace:\nvalue ") + i + "\n"), log.npos) << log;
-  }
-  EXPECT_NE(log.find("about to clear m_DiscardQueue(4)"), std::string::npos);
-  EXPECT_EQ(log.find("held"), std::string::npos);
-  EXPECT_NE(printed.find(" M INFO: msg\nASN Trace:\nvalue 2\n"), std::string::npos) << printed;
-}
 
 TEST(LogRecord, AssertionBringsOutTheHeldBackRecords) {
   TempDir dir;

@@ -74,8 +74,6 @@ TEST(Printf, RefusalsDefaultsAndTheSubModuleWrapper) {
   mgr->Printf(LEVEL_INFO, "");  // not initialised: not even the failure line
   const bool initialised = mgr->Init("prt", "", setup.logs.path(), "", false, false);
   mgr->Printf("");
-  mgr->Printf("%s", s2048.c_str());
-  mgr->Printf(LEVEL_INFO, b, "");
   mgr->Printf(LEVEL_INFO, b, "%s", s2048.c_str());
   mgr->Printf(LEVEL_INFO, "%s", s2047.c_str());
   mgr->Printf(LEVEL_WARN, b, "%d-%s", 7, s2045.c_str());

@@ -129,7 +129,7 @@ TEST(TraceApp, WriterPerApplicationNameUpToTheTableBound) {
   ToviDebugMgr::Destroy();
 
   EXPECT_EQ(ListDir(setup.root.path()), std::vector<std::string>{"etc"});
-  EXPECT_EQ(ListDir(setup.logs.path()).size(), 3u) << "a refused name left something in the log directory";
+  EXPECT_EQ(ListDir(setup.logs.path()).size(), 3u) << "a refused name left something behind";
   EXPECT_TRUE(Matches(Logged(setup.logs.path(), "trc"),
                       WholeFile("hdr\n", {"Main INFO: m1", "Main INFO: m2", "Main INFO: m3"})));
   // The first call's sub-module heads an application's file.
@@ -195,7 +195,8 @@ TEST(TraceConcurrency, NewApplicationNamesRaceWhileMasksChange) {
   for (const char* app : {"", "X_", "Y_", "Z_"}) {
     // Each name's file is headed by a tracing thread's sub-module; with the
     // count of files below, one writer and one file for each name.
-    const std::string prefix = "trc" + std::string(app), content = Logged(setup.logs.path(), prefix);
+    const std::string prefix = "trc" + std::string(app);
+    const std::string content = Logged(setup.logs.path(), prefix);
     EXPECT_TRUE(!*app || std::regex_search(content, std::regex("\nT[0-5]This is the first")));
     for (std::sregex_iterator it(content.begin(), content.end(), record), end; it != end; ++it)
       written[prefix + " " + (*it)[2].str()].push_back((*it)[1]);
