@@ -39,10 +39,9 @@ TEST(LogRecord, AssertionBringsOutTheHeldBackRecords) {
   const std::string printed = out.Restore();
 
   const std::string log = OnlyLog(dir.path());
-  std::vector<std::string> held;
+  std::vector<std::string> held, expected{"M INFO: before"};
   for (int i = 5; i < 10; ++i) held.push_back("M WARN: held " + std::to_string(i));
-  std::vector<std::string> expected = held;
-  expected.insert(expected.begin(), "M INFO: before");
+  expected.insert(expected.end(), held.begin(), held.end());
   expected.insert(expected.end(), {"M ASSERT: boom", "M ASSERT: again"});
   EXPECT_EQ(RecordTexts(log), expected);
   // Each held record keeps the time and thread of its own call.
