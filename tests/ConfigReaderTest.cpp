@@ -103,12 +103,13 @@ TEST(CfgLookup, OverlongLineEndsTheFile) {
 
   // A key is cut to 255 characters, then trimmed, so the text behind the
   // blanks is gone; a value is trimmed, then cut to 1791.
-  WriteFile(dir / "parts.cfg", std::string(250, 'a') + std::string(10, ' ') +
-                                   std::string(40, 'b') + "=x\nno equals sign\n=" +
-                                   std::string(10, ' ') + std::string(2036, 'v') + "\n");
+  const std::string a(250, 'a'), b(40, 'b');
+  WriteFile(dir / "parts.cfg", a + std::string(10, ' ') + b + "=x\n" + a + "  " + b + "=y\n" +
+                                   "no equals sign\n=" + std::string(10, ' ') +
+                                   std::string(2036, 'v') + "\n");
   items.clear();
   EXPECT_TRUE(LoadCfgFileToMap(items, dir / "parts.cfg", ""));
-  EXPECT_EQ(items, (Items{{std::string(250, 'a'), "x"}, {"", std::string(1791, 'v')}}));
+  EXPECT_EQ(items, (Items{{a, "x"}, {a + "  bbb", "y"}, {"", std::string(1791, 'v')}}));
 }
 
 TEST(CfgLookup, HostileFilesAreReadSafely) {
