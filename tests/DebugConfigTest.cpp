@@ -86,10 +86,10 @@ TEST(DebugConfig, MasksFromTheDebugAndProductFiles) {
   EXPECT_EQ(Registry("X_level=1\n", "debug_level=0010\ndebug_output=1\nY_level=1\n"),
             (ModuleMap{{"debug", {Bits({2}), Bits({0})}}, {"X", {Bits({0}), Bits({1})}}}));
   // Values above 4369 keep their four lowest bits; 4369 and below stay.
-  EXPECT_EQ(Registry("A_level=1000100010001\nB_output=0100100010001\n", ""),
+  EXPECT_EQ(Registry("A_level=1000100010001\nB_output=0001100010001\n", ""),
             (ModuleMap{{"debug", defaults},
                        {"A", {Bits({0, 4, 8, 12}), Bits({1})}},
-                       {"B", {Bits({0, 1}), Bits({1})}}}));
+                       {"B", {Bits({0, 1}), Bits({3})}}}));
   // A given file that does not exist: the default debug file is read.
   EXPECT_EQ(Registry("debug_level=0001\n", "", "absent.cfg"),
             (ModuleMap{{"debug", {Bits({3}), Bits({1})}}}));
