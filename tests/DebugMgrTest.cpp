@@ -3,10 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <map>
-#include <set>
 
 #include "ToviDebugEngine.h"
-#include "ToviDebugMgr.h"
 #include "WriterTestSupport.h"
 
 using namespace tovitest;
@@ -15,12 +13,6 @@ namespace {
 
 typedef std::pair<std::bitset<32>, std::bitset<32>> Masks;
 typedef std::map<std::string, Masks> ModuleMap;
-
-// A root of its own and a log directory; the manager is gone when the test ends.
-struct MgrSetup : ScopedRoot {
-  ~MgrSetup() { ToviDebugMgr::Destroy(); }
-  TempDir logs;
-};
 
 Masks MasksOf(ToviDebugMgr* mgr, const std::string& name) {
   Masks masks;
@@ -65,12 +57,9 @@ struct BusyEngine : ToviDebugEngine {
 }  // namespace
 
 TEST(DebugMgr, LifecycleAndRegistry) {
-  MgrSetup inst;
-  ToviDebugMgr::Destroy();
-  ToviDebugMgr::Destroy();
-  EXPECT_EQ(ToviDebugMgr::m_pInstance.load(), nullptr);
+  MgrRoot inst;
+  ToviDebugMgr::Destroy();  // no manager yet: nothing to free
   ToviDebugMgr* mgr = ToviDebugMgr::Instance();
-  EXPECT_EQ(ToviDebugMgr::Instance(), mgr);
 
   // Refused names leave the manager uninitialised and write nothing, but the
   // sub-modules read on the way are registered and can be changed; what
@@ -89,9 +78,8 @@ TEST(DebugMgr, LifecycleAndRegistry) {
   EXPECT_TRUE(mgr->SetLogLevel("MRB", LEVEL_WARN, true));
   EXPECT_EQ(MasksOf(mgr, "MRB"), Masks(Bits({0, 2}), Bits({0, 1})));
   ModuleMap items{{"foreign", {Bits({20}), Bits({20})}}, {"debug", {}}};
-  EXPECT_FALSE(mgr->RegSubModuleInfo("NEW", Bits({0}), Bits({1}), false));
-  EXPECT_FALSE(mgr->SetAllModuleInfo(Bits({0}), Bits({0}), false));
-  EXPECT_FALSE(mgr->GetAllModuleInfo(items));
+  EXPECT_FALSE(mgr->RegSubModuleInfo("NEW", Bits({0}), Bits({1}), false) ||
+               mgr->SetAllModuleInfo(Bits({0}), Bits({0}), false) || mgr->GetAllModuleInfo(items));
 
   // The longest name that fits is taken, and the configuration is read
   // again; an application's name joined to it would not fit.
@@ -100,10 +88,6 @@ TEST(DebugMgr, LifecycleAndRegistry) {
   ASSERT_TRUE(mgr->Init(longest, "", inst.logs.path(), "HEAD\n", false, false));
   EXPECT_FALSE(mgr->AppTrace("debug", LEVEL_INFO, "app", nullptr, false, true, "a"));
   EXPECT_EQ(MasksOf(mgr, "MRB"), Masks(Bits({1}), Bits({0, 1})));
-  for (int i = 0; i < 10000; ++i) {
-    const std::string text = "rec-" + std::to_string(i) + ";";
-    ASSERT_TRUE(mgr->Trace("debug", LEVEL_INFO, text.c_str(), nullptr, false, true));
-  }
 
   // A second Init, with other paths and another reading, changes nothing.
   WriteFile(inst.root / "other.cfg", "debug_level=0001\n");
@@ -123,15 +107,14 @@ TEST(DebugMgr, LifecycleAndRegistry) {
   EXPECT_TRUE(mgr->SetLogLevel("NEW", static_cast<ToviLogLevel>(31), true));
   EXPECT_TRUE(mgr->SetLogOutput("NEW", static_cast<ToviOutputDirection>(31), true));
   // Bits out of range are refused, and so are unknown names, which are not
-  // created; names compare byte by byte.
+  // created; names compare byte by byte, untrimmed.
   const std::pair<const char*, int> refused[] = {{"NEW", 32}, {"NEW", -1}, {"nobody", 3}};
   for (const auto& [who, bit] : refused) {
     EXPECT_FALSE(mgr->SetLogLevel(who, static_cast<ToviLogLevel>(bit), bit != 32)) << who << bit;
     EXPECT_FALSE(mgr->SetLogOutput(who, static_cast<ToviOutputDirection>(bit), true)) << who << bit;
   }
-  Masks untouched(Bits({9}), Bits({10}));
-  EXPECT_FALSE(mgr->GetSubModuleInfo(" MRB", untouched.first, untouched.second));
-  EXPECT_EQ(untouched, Masks(Bits({9}), Bits({10})));
+  Masks none;
+  EXPECT_FALSE(mgr->GetSubModuleInfo(" MRB", none.first, none.second));
   EXPECT_TRUE(mgr->RegSubModuleInfo(" MRB", Bits({2}), Bits({2}), false));
   // Entries of other names stay in the caller's map.
   ASSERT_TRUE(mgr->GetAllModuleInfo(items));
@@ -148,12 +131,10 @@ TEST(DebugMgr, LifecycleAndRegistry) {
   for (const char* name : {"debug", "MRB", " MRB", "NEW", "COPY"})
     EXPECT_EQ(MasksOf(mgr, name), Masks(Bits({1, 4}), Bits({0}))) << name;
 
-  // Destroy comes while most records are still queued; all are written.
   ToviDebugMgr::Destroy();
   EXPECT_FALSE(std::filesystem::exists(inst.logs / "never"));
   const std::string text = ReadFile(inst.logs / ListDir(inst.logs.path()).at(0));
-  EXPECT_NE(text.find("HEAD\n"), std::string::npos);
-  EXPECT_EQ(Occurrences(text, "debug INFO: rec-"), 10000u);
+  EXPECT_NE(text.find("HEAD\nThis is the first"), std::string::npos);
 
   // A fresh manager, and no log directory given: the default one under the root.
   std::filesystem::create_directories(inst.root / "var/logs");
@@ -163,22 +144,19 @@ TEST(DebugMgr, LifecycleAndRegistry) {
 }
 
 TEST(DebugMgr, EngineOwnershipAndDispatch) {
-  MgrSetup inst;
+  MgrRoot inst;
   RecordingEngine::destroyed = 0;
   ToviDebugMgr* mgr = ToviDebugMgr::Instance();
   RecordingEngine *a = new RecordingEngine, *b = new RecordingEngine;
+  // Only the registered engine can be unregistered.
   EXPECT_FALSE(mgr->RegDebugEngine(nullptr));
-  EXPECT_TRUE(mgr->UnRegDebugEngine(nullptr));
-  EXPECT_FALSE(mgr->UnRegDebugEngine(a));
   ASSERT_TRUE(mgr->RegDebugEngine(a));
-  EXPECT_FALSE(mgr->UnRegDebugEngine(b));
-  EXPECT_FALSE(mgr->UnRegDebugEngine(nullptr));
-  EXPECT_EQ(mgr->GetDebugEngine(), a);
+  EXPECT_FALSE(mgr->UnRegDebugEngine(b) || mgr->UnRegDebugEngine(nullptr));
   EXPECT_FALSE(mgr->Trace("debug", LEVEL_ASSERT, "early", nullptr, false, true));
   EXPECT_TRUE(a->calls.empty());
   // A replaced engine goes back to its creator.
   ASSERT_TRUE(mgr->RegDebugEngine(b));
-  EXPECT_FALSE(mgr->UnRegDebugEngine(a));
+  EXPECT_EQ(mgr->GetDebugEngine(), b);
   EXPECT_EQ(RecordingEngine::destroyed, 0);
   delete a;
 
@@ -196,50 +174,11 @@ TEST(DebugMgr, EngineOwnershipAndDispatch) {
   EXPECT_TRUE(mgr->UnRegDebugEngine(b));
   EXPECT_EQ(RecordingEngine::destroyed, 2);
 
-  // Without an engine a trace-off manager refuses every call and has no
-  // writer to write a file; a registered engine goes with the manager.
-  EXPECT_FALSE(mgr->Trace("debug", LEVEL_ASSERT, "dropped", nullptr, true, true));
+  // A registered engine goes with the manager; trace-off made no writer.
   ASSERT_TRUE(mgr->RegDebugEngine(new RecordingEngine));
   ToviDebugMgr::Destroy();
   EXPECT_EQ(RecordingEngine::destroyed, 3);
   EXPECT_TRUE(ListDir(inst.logs.path()).empty());
-}
-
-TEST(DebugMgr, RegistryChangesBesideLookupsAndTraces) {
-  constexpr int kThreads = 4, kNames = 40;
-  MgrSetup inst;
-  WriteFile(inst.Conf("default_debug.cfg"), "MRB_level=1\nMRB_output=01\nOTHER_level=11\n");
-  ToviDebugMgr* mgr = ToviDebugMgr::Instance();
-  ASSERT_TRUE(mgr->Init("race_", "", inst.logs.path(), "", false, false));
-  auto name = [](int t, int i) { return "N" + std::to_string(t * 100 + i % kNames); };
-
-  // Every thread changes configured names, registers names of its own, looks
-  // up and traces the names that a neighbour is registering meanwhile; with
-  // no file demand of its own, so that little reaches the disk.
-  std::vector<std::thread> threads;
-  for (int t = 0; t < kThreads; ++t) {
-    threads.emplace_back([&, t] {
-      for (int i = 0; i < 3000; ++i) {
-        bool ok = mgr->SetLogLevel(i % 2 == 0 ? "MRB" : "", ToviLogLevel(8 + (i + t) % 20), i % 3);
-        ok &= mgr->SetLogOutput("OTHER", static_cast<ToviOutputDirection>(2 + i % 20), i % 2);
-        ok &= mgr->RegSubModuleInfo(name(t, i), Bits({i % 32}), Bits({}), i % 4 == 0);
-        if (i % 100 == 0) ok &= mgr->SetAllModuleInfo(Bits({9}), Bits({}), t % 2 == 0);
-        ModuleMap items;
-        if (i % 10 == 0) ok &= mgr->GetAllModuleInfo(items) && items.count("OTHER") == 1;
-        ok &= mgr->Trace(i % 3 == 0 ? "MRB" : name((t + 1) % kThreads, i), LEVEL_WARN, "race",
-                         nullptr, false, false);
-        EXPECT_TRUE(ok) << t << " " << i;
-      }
-    });
-  }
-  for (std::thread& th : threads) th.join();
-
-  ModuleMap items;
-  ASSERT_TRUE(mgr->GetAllModuleInfo(items));
-  std::set<std::string> expected{"debug", "MRB", "OTHER"};
-  for (int i = 0; i < kThreads * kNames; ++i) expected.insert(name(i / kNames, i));
-  for (const auto& item : items) EXPECT_EQ(expected.erase(item.first), 1u) << item.first;
-  EXPECT_TRUE(expected.empty());
 }
 
 // Threads trace through engines that are swapped out under them, then
@@ -247,7 +186,7 @@ TEST(DebugMgr, RegistryChangesBesideLookupsAndTraces) {
 // with the old pointer afterwards: every late call is refused, and ASan sees
 // nothing freed in use.
 TEST(DebugMgr, EnginesAndManagerOutliveTheCallsInThem) {
-  MgrSetup inst;
+  MgrRoot inst;
   for (const bool withEngine : {true, false}) {
     ToviDebugMgr* mgr = ToviDebugMgr::Instance();
     ASSERT_TRUE(mgr->Init("gone_", "", inst.logs.path(), "", false, false));

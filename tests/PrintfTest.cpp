@@ -2,14 +2,9 @@
 // short messages with their once-per-process console and log switches.
 #include <gtest/gtest.h>
 
-#include <cstdio>
-#include <cstdlib>
 #include <regex>
-#include <string>
-#include <thread>
 
 #include "ToviBaseUtil.h"
-#include "ToviDebugMgr.h"
 #include "ToviInterString.h"
 #include "WriterTestSupport.h"
 #include "port/ToviPort.h"
@@ -24,34 +19,26 @@ namespace {
 // The text with the head of each of this thread's record lines, the time of
 // day and the thread id, and any date line before it replaced by "@".
 std::string Marked(const std::string& text) {
-  char tid[16];
-  std::snprintf(tid, sizeof tid, "%x ", toviport::CurrentThreadId());
-  const std::regex head(R"(\n(Current date.*\n)?\d\d:\d\d:\d\d\.\d{6}\.T)" + std::string(tid));
+  const std::string tid = Hex(toviport::CurrentThreadId()) + " ";
+  const std::regex head(R"(\n(Current date.*\n)?\d\d:\d\d:\d\d\.\d{6}\.T)" + tid);
   return std::regex_replace("\n" + text, head, "\n@").substr(1);
 }
 
-// A fresh installation root with the given configuration files; the manager
-// is gone again when the test ends.
-struct PrintfSetup : ScopedRoot {
-  using ScopedRoot::ScopedRoot;
-  ~PrintfSetup() { ToviDebugMgr::Destroy(); }
-  // What the main writer's one file holds between its opening lines and its
-  // stop lines, record heads marked: the records and nothing else, if all is well.
-  std::string Logged() const {
-    const std::string all = ReadFile(logs + ListDir(logs).at(0));
-    const std::size_t from = all.find('\n', all.find("Thread handle output string")) + 1;
-    return Marked(all.substr(from, all.find("thread handle output string exit") - from));
-  }
-  std::string logs = root / "logs/";
-};
+// What the main writer's one file holds between its opening lines and its
+// stop lines, record heads marked: the records and nothing else, if all is well.
+std::string Logged(const MgrRoot& setup) {
+  const std::string all = ReadFile(setup.logs / ListDir(setup.logs.path()).at(0));
+  const std::size_t from = all.find('\n', all.find("Thread handle output string")) + 1;
+  return Marked(all.substr(from, all.find("thread handle output string exit") - from));
+}
 
 // The console and log switches of the library's own messages are read once
 // per process, so each product configuration is tried in a death-test child
 // of its own, which reports through its exit code and standard error.
 int Child(const std::string& productCfg, bool print, bool log) {
   // "MRB" is registered with no output at all, so the switches alone decide.
-  PrintfSetup setup("MRB_level=1111\nMRB_output=00\n", productCfg);
-  if (!ToviDebugMgr::Instance()->Init("prt", "", setup.logs, "", false, false)) return 2;
+  MgrRoot setup("MRB_level=1111\nMRB_output=00\n", productCfg);
+  if (!ToviDebugMgr::Instance()->Init("prt", "", setup.logs.path(), "", false, false)) return 2;
   StdoutCapture out;
   ToviOutputFrmtString("hello %d", 1);
   // The switches are fixed by now; editing the file, here to the opposite of
@@ -66,7 +53,7 @@ int Child(const std::string& productCfg, bool print, bool log) {
   SetToviAppExit(false);
   if (!set || ToviAppIsExit()) return 3;
   ToviDebugMgr::Destroy();
-  const std::string printed = Marked(out.Text()), logged = setup.Logged();
+  const std::string printed = Marked(out.Text()), logged = Logged(setup);
 
   const std::string all = "@MRB INFO: hello 1\n@MRB INFO: ready text\n" + cut + cut + cut +
                           "@MRB INFO: ===================SetToviAppExit (1)==================\n"
@@ -78,17 +65,15 @@ int Child(const std::string& productCfg, bool print, bool log) {
 }  // namespace
 
 TEST(Printf, RefusalsDefaultsAndTheSubModuleWrapper) {
-  PrintfSetup setup("debug_level=1111\ndebug_output=01\n");  // levels 0 to 3 to the file only
+  MgrRoot setup("debug_level=1111\ndebug_output=01\n");  // levels 0 to 3 to the file only
   ToviDebugMgr* mgr = ToviDebugMgr::Instance();
   const std::string s2045(2045, 's'), s2047(2047, 's'), s2048(2048, 'l');
   // A copy of a wrapper keeps its text when the original is assigned another.
   ToviInterString a(std::string("Alpha")), b(a);
   StdoutCapture out;
   mgr->Printf(LEVEL_INFO, "");  // not initialised: not even the failure line
-  const bool initialised = mgr->Init("prt", "", setup.logs, "", false, false);
+  const bool initialised = mgr->Init("prt", "", setup.logs.path(), "", false, false);
   mgr->Printf("");
-  mgr->Printf("%s", s2048.c_str());
-  mgr->Printf(LEVEL_INFO, b, "");
   mgr->Printf(LEVEL_INFO, b, "%s", s2048.c_str());
   mgr->Printf(LEVEL_INFO, "%s", s2047.c_str());
   mgr->Printf(LEVEL_WARN, b, "%d-%s", 7, s2045.c_str());
@@ -108,8 +93,7 @@ TEST(Printf, RefusalsDefaultsAndTheSubModuleWrapper) {
   mgr->Printf(LEVEL_INFO, b, "via b");
   mgr->Printf(LEVEL_ASSERT, "boom");
   ToviDebugMgr::Destroy();
-  const std::string printed = Marked(out.Text());
-  out.Restore();
+  const std::string printed = Marked(out.Restore());
 
   ASSERT_TRUE(initialised);
   EXPECT_EQ(silent, "");
@@ -117,7 +101,7 @@ TEST(Printf, RefusalsDefaultsAndTheSubModuleWrapper) {
   const std::string failure = R"(Printf, vsnprintf failed\. errno:-?\d+\n)";
   EXPECT_TRUE(std::regex_match(printed, std::regex(failure + failure + "@X held\n"))) << printed;
   // No default sub-module at first: the record text begins with the blank.
-  EXPECT_EQ(setup.Logged(), "@ INFO: " + s2047 + "\n@Alpha WARN: 7-" + s2045 +
+  EXPECT_EQ(Logged(setup), "@ INFO: " + s2047 + "\n@Alpha WARN: 7-" + s2045 +
                                 "\n@X ERROR: v=5\n@X INFO: w\n@Delta INFO: via a\n"
                                 "@Alpha INFO: via b\n@X held\n@X ASSERT: boom\n");
 }
@@ -136,9 +120,9 @@ TEST(TraceLibraryOutput, SwitchesDecideOncePerProcess) {
 // The defaults may change while other threads print with them: every record
 // carries one whole name and its level, never a torn one.
 TEST(Printf, DefaultsChangeWhileOthersPrint) {
-  PrintfSetup setup("debug_level=1111\ndebug_output=01\n");
+  MgrRoot setup("debug_level=1111\ndebug_output=01\n");
   ToviDebugMgr* mgr = ToviDebugMgr::Instance();
-  ASSERT_TRUE(mgr->Init("prt", "", setup.logs, "", false, false));
+  ASSERT_TRUE(mgr->Init("prt", "", setup.logs.path(), "", false, false));
   const std::string longName(40, 'N');  // beyond the short-string buffer
   std::thread setter([&] {
     for (int i = 0; i < 2000; ++i) {
@@ -151,7 +135,7 @@ TEST(Printf, DefaultsChangeWhileOthersPrint) {
   ToviDebugMgr::Destroy();
   const std::regex record("@(|S|" + longName + ") (ERROR|WARN|INFO): r\\d+");
   std::size_t lines = 0;
-  for (const std::string& line : SplitLines(setup.Logged())) {
+  for (const std::string& line : SplitLines(Logged(setup))) {
     EXPECT_TRUE(std::regex_match(line, record)) << line;
     ++lines;
   }

@@ -3,15 +3,9 @@
 // a record reaches, and the per-application writers under concurrent use.
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <cstdio>
 #include <map>
 #include <regex>
-#include <string>
-#include <thread>
-#include <vector>
 
-#include "ToviDebugMgr.h"
 #include "WriterTestSupport.h"
 #include "port/ToviPort.h"
 
@@ -19,12 +13,10 @@ using namespace tovitest;
 
 namespace {
 
+typedef std::map<std::string, std::pair<std::bitset<32>, std::bitset<32>>> ModuleMap;
+
 // A record as this thread would make it: "<tid hex> <record text>".
-std::string Mine(const std::string& text) {
-  char tid[16];
-  std::snprintf(tid, sizeof tid, "%x ", toviport::CurrentThreadId());
-  return tid + text;
-}
+std::string Mine(const std::string& text) { return Hex(toviport::CurrentThreadId()) + " " + text; }
 
 const char kTime[] = R"(\d\d:\d\d:\d\d\.\d{6}\.T)";
 
@@ -60,23 +52,16 @@ std::string Logged(const std::string& dir, const std::string& prefix) {
   return all;
 }
 
-// A fresh installation root with the given debug configuration; the manager
-// is gone again when the test ends.
-struct TraceSetup : ScopedRoot {
-  using ScopedRoot::ScopedRoot;
-  ~TraceSetup() { ToviDebugMgr::Destroy(); }
-  bool Init(bool traceOff = false) {
-    return ToviDebugMgr::Instance()->Init("trc", "", logs, "hdr\n", false, traceOff);
-  }
-  std::string logs = root / "logs/";
-};
+bool Init(const MgrRoot& setup, bool traceOff = false) {
+  return ToviDebugMgr::Instance()->Init("trc", "", setup.logs.path(), "hdr\n", false, traceOff);
+}
 
 }  // namespace
 
 TEST(Trace, RefusalsLeaveNothingAndMasksOnlyWiden) {
   // "debug": INFO only, console and file. "Quiet": INFO, no output.
   // "Loud": INFO, console only.
-  TraceSetup setup(
+  MgrRoot setup(
       "debug_level=0001\ndebug_output=11\nQuiet_level=0001\nQuiet_output=00\n"
       "Loud_level=0001\nLoud_output=10\n");
   ToviDebugMgr* mgr = ToviDebugMgr::Instance();
@@ -87,12 +72,12 @@ TEST(Trace, RefusalsLeaveNothingAndMasksOnlyWiden) {
   };
   refused(LEVEL_INFO, "before Init");
   // Trace-off: initialised, but with no writer to take anything.
-  ASSERT_TRUE(setup.Init(true));
+  ASSERT_TRUE(Init(setup, true));
   refused(LEVEL_INFO, "trace off");
   ToviDebugMgr::Destroy();
 
   mgr = ToviDebugMgr::Instance();
-  ASSERT_TRUE(setup.Init());
+  ASSERT_TRUE(Init(setup));
   for (int level : {-1, 32}) refused(static_cast<ToviLogLevel>(level), "bad level");
   refused(LEVEL_INFO, nullptr);
   StdoutCapture out;
@@ -110,15 +95,14 @@ TEST(Trace, RefusalsLeaveNothingAndMasksOnlyWiden) {
   EXPECT_TRUE(mgr->Trace("Unreg", LEVEL_WARN, "i", nullptr, false, false));  // both now
   EXPECT_TRUE(mgr->Trace("Unreg", LEVEL_ASSERT, "z", nullptr, true, true));  // flushes b and c
   ToviDebugMgr::Destroy();
-  const std::string printed = out.Text();
-  out.Restore();
+  const std::string printed = out.Restore();
 
   // Standard output whole: these records and nothing else.
   EXPECT_TRUE(Matches(
       printed, Lines({"Unreg INFO: a", "Quiet INFO: d", "Loud INFO: f", "Loud INFO: g",
                       "Unreg WARN: i", "Unreg WARN: b", "Quiet INFO: c", "Unreg ASSERT: z"})));
-  EXPECT_EQ(ListDir(setup.logs).size(), 1u) << "a refused call made a writer";
-  EXPECT_TRUE(Matches(Logged(setup.logs, "trc"),
+  EXPECT_EQ(ListDir(setup.logs.path()).size(), 1u) << "a refused call made a writer";
+  EXPECT_TRUE(Matches(Logged(setup.logs.path(), "trc"),
                       WholeFile("hdr\n", {"Unreg INFO: a", "Quiet INFO: e", "Loud INFO: f",
                                           "Loud WARN: h", "S edge", "Unreg WARN: i",
                                           "Unreg WARN: b", "Quiet INFO: c", "Unreg ASSERT: z"})));
@@ -126,8 +110,8 @@ TEST(Trace, RefusalsLeaveNothingAndMasksOnlyWiden) {
 
 TEST(TraceApp, WriterPerApplicationNameUpToTheTableBound) {
   // Room for the main writer and two more.
-  TraceSetup setup("debug_level=1111\ndebug_output=01\nnMaxFileNum=2\n");
-  ASSERT_TRUE(setup.Init());
+  MgrRoot setup("debug_level=1111\ndebug_output=01\nnMaxFileNum=2\n");
+  ASSERT_TRUE(Init(setup));
   ToviDebugMgr* mgr = ToviDebugMgr::Instance();
   const std::string n128(128, 'n');
   EXPECT_TRUE(mgr->Trace("Main", LEVEL_INFO, "m1", nullptr, false, false));
@@ -144,20 +128,22 @@ TEST(TraceApp, WriterPerApplicationNameUpToTheTableBound) {
   EXPECT_TRUE(mgr->Trace("Main", LEVEL_INFO, "m3", nullptr, false, false));
   ToviDebugMgr::Destroy();
 
-  EXPECT_EQ(ListDir(setup.root.path()), (std::vector<std::string>{"etc", "logs"}));
-  EXPECT_EQ(ListDir(setup.logs).size(), 3u) << "a refused name left something in the log directory";
-  EXPECT_TRUE(Matches(Logged(setup.logs, "trc"),
+  EXPECT_EQ(ListDir(setup.root.path()), std::vector<std::string>{"etc"});
+  EXPECT_EQ(ListDir(setup.logs.path()).size(), 3u) << "a refused name left something behind";
+  EXPECT_TRUE(Matches(Logged(setup.logs.path(), "trc"),
                       WholeFile("hdr\n", {"Main INFO: m1", "Main INFO: m2", "Main INFO: m3"})));
   // The first call's sub-module heads an application's file.
-  EXPECT_TRUE(Matches(Logged(setup.logs, "trcApp_"),
+  EXPECT_TRUE(Matches(Logged(setup.logs.path(), "trcApp_"),
                       WholeFile("First", {"First INFO: a1", "Second WARN: a2"})));
   EXPECT_TRUE(
-      Matches(Logged(setup.logs, "trc" + n128 + "_"), WholeFile("Long", {"Long INFO: l1"})));
+      Matches(Logged(setup.logs.path(), "trc" + n128 + "_"), WholeFile("Long", {"Long INFO: l1"})));
 }
 
+// The registry changes under the lookups of every call: tracing threads
+// register names of their own, one thread changes masks and reads them all.
 TEST(TraceConcurrency, NewApplicationNamesRaceWhileMasksChange) {
-  TraceSetup setup("debug_level=1111\ndebug_output=01\nnMaxFileNum=10\n");
-  ASSERT_TRUE(setup.Init());
+  MgrRoot setup("debug_level=1111\ndebug_output=01\nnMaxFileNum=10\n");
+  ASSERT_TRUE(Init(setup));
   ToviDebugMgr* mgr = ToviDebugMgr::Instance();
   constexpr int kThreads = 6, kRounds = 200;
   const std::vector<std::string> apps = {"X", "Y", "Z"};
@@ -181,6 +167,7 @@ TEST(TraceConcurrency, NewApplicationNamesRaceWhileMasksChange) {
         EXPECT_TRUE(mgr->Trace(sub, LEVEL_INFO, text.c_str(), nullptr, false, r % 2 == 0));
         for (const std::string& prefix : {"trc" + app + "_", std::string("trc")})
           traced[t][prefix].push_back(Mine(sub + " INFO: " + text));
+        EXPECT_TRUE(mgr->RegSubModuleInfo(sub + "_" + std::to_string(r), 0xF, 0, r % 4 == 0));
       }
       --tracing;
     });
@@ -188,13 +175,19 @@ TEST(TraceConcurrency, NewApplicationNamesRaceWhileMasksChange) {
   // This thread changes masks meanwhile.
   --waiting;
   while (waiting.load() > 0) std::this_thread::yield();
+  ModuleMap items;
   for (int k = 0; tracing.load() > 0 && k < 20000; ++k) {
-    mgr->SetLogLevel("debug", static_cast<ToviLogLevel>(4 + k % 8), k % 2 == 0);
-    mgr->RegSubModuleInfo("Extra" + std::to_string(k % 50), 0xF, 0, false);
+    bool ok = mgr->SetLogLevel("debug", static_cast<ToviLogLevel>(4 + k % 8), k % 2 == 0);
+    // Levels 0 to 3 and the file, for every name: what the calls need stays.
+    if (k % 10 == 0) ok &= mgr->SetAllModuleInfo(0xF, 0x2, false);
+    if (k % 10 == 5) ok &= mgr->GetAllModuleInfo(items);
+    EXPECT_TRUE(ok) << k;
     std::this_thread::yield();
   }
   for (auto& th : threads) th.join();
+  ASSERT_TRUE(mgr->GetAllModuleInfo(items));
   ToviDebugMgr::Destroy();
+  EXPECT_EQ(items.size(), 1u + kThreads * kRounds);  // "debug" and every name registered
 
   // Per file prefix and sub-module: what was written, in file order.
   std::map<std::string, std::vector<std::string>> written;
@@ -202,7 +195,8 @@ TEST(TraceConcurrency, NewApplicationNamesRaceWhileMasksChange) {
   for (const char* app : {"", "X_", "Y_", "Z_"}) {
     // Each name's file is headed by a tracing thread's sub-module; with the
     // count of files below, one writer and one file for each name.
-    const std::string prefix = "trc" + std::string(app), content = Logged(setup.logs, prefix);
+    const std::string prefix = "trc" + std::string(app);
+    const std::string content = Logged(setup.logs.path(), prefix);
     EXPECT_TRUE(!*app || std::regex_search(content, std::regex("\nT[0-5]This is the first")));
     for (std::sregex_iterator it(content.begin(), content.end(), record), end; it != end; ++it)
       written[prefix + " " + (*it)[2].str()].push_back((*it)[1]);
@@ -210,5 +204,5 @@ TEST(TraceConcurrency, NewApplicationNamesRaceWhileMasksChange) {
   for (int t = 0; t < kThreads; ++t)
     for (const auto& [prefix, records] : traced[t])
       EXPECT_EQ(written[prefix + " T" + std::to_string(t)], records) << prefix << " from T" << t;
-  EXPECT_EQ(ListDir(setup.logs).size(), 1 + apps.size());
+  EXPECT_EQ(ListDir(setup.logs.path()).size(), 1 + apps.size());
 }

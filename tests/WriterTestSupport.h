@@ -23,6 +23,7 @@
 #include <AsnType.h>
 
 #include "TestSupport.h"
+#include "ToviDebugMgr.h"
 
 namespace tovitest {
 
@@ -61,15 +62,10 @@ inline std::string Hex(uint32_t v) {
 // The lines of text without their ends; an unterminated last line is marked.
 inline std::vector<std::string> SplitLines(const std::string& text) {
   std::vector<std::string> lines;
-  for (std::size_t start = 0; start < text.size();) {
-    const std::size_t end = text.find('\n', start);
-    if (end == std::string::npos) {
-      lines.push_back(text.substr(start) + "<no line end>");
-      break;
-    }
+  std::size_t start = 0;
+  for (std::size_t end; (end = text.find('\n', start)) != std::string::npos; start = end + 1)
     lines.push_back(text.substr(start, end - start));
-    start = end + 1;
-  }
+  if (start < text.size()) lines.push_back(text.substr(start) + "<no line end>");
   return lines;
 }
 
@@ -86,19 +82,13 @@ inline std::vector<std::string> RecordTexts(const std::string& log) {
   return texts;
 }
 
-// The plain log files (".log") of dir, sorted.
-inline std::vector<std::string> LogFiles(const std::string& dir) {
-  std::vector<std::string> out;
-  for (const auto& name : ListDir(dir)) {
-    if (EndsWith(name, ".log")) out.push_back(name);
-  }
-  return out;
-}
-
-// The text of the single plain log file in dir; a marker naming how many
-// there are otherwise.
+// The text of the single plain log file (".log") in dir; a marker naming how
+// many there are otherwise.
 inline std::string OnlyLog(const std::string& dir) {
-  const std::vector<std::string> logs = LogFiles(dir);
+  std::vector<std::string> logs = ListDir(dir);
+  logs.erase(std::remove_if(logs.begin(), logs.end(),
+                            [](const std::string& name) { return !EndsWith(name, ".log"); }),
+             logs.end());
   return logs.size() == 1 ? ReadFile(dir + "/" + logs[0])
                           : "<" + std::to_string(logs.size()) + " log files>";
 }
@@ -134,6 +124,14 @@ inline bool WaitUntil(const std::function<bool()>& pred,
   return true;
 }
 
+// An installation root of its own and a log directory; the manager is gone
+// when the test ends.
+struct MgrRoot : ScopedRoot {
+  using ScopedRoot::ScopedRoot;
+  ~MgrRoot() { ToviDebugMgr::Destroy(); }
+  TempDir logs;
+};
+
 // Redirects the process's standard output into a file for its lifetime;
 // Text() returns what was printed so far.
 class StdoutCapture {
@@ -150,12 +148,15 @@ public:
     std::fflush(stdout);
     return ReadFile(path_);
   }
-  void Restore() {
-    if (saved_ < 0) return;
-    std::fflush(stdout);
-    ::dup2(saved_, 1);
-    ::close(saved_);
-    saved_ = -1;
+  // Puts standard output back; returns what was printed.
+  std::string Restore() {
+    const std::string text = Text();
+    if (saved_ >= 0) {
+      ::dup2(saved_, 1);
+      ::close(saved_);
+      saved_ = -1;
+    }
+    return text;
   }
 
 private:
@@ -177,14 +178,8 @@ public:
   }
   void Print(std::ostream& os) const override { os << text_; }
 
-  static std::atomic<int>& Live() {
-    static std::atomic<int> live{0};
-    return live;
-  }
-  static std::atomic<int>& Clones() {
-    static std::atomic<int> clones{0};
-    return clones;
-  }
+  static std::atomic<int>& Live() { static std::atomic<int> live{0}; return live; }
+  static std::atomic<int>& Clones() { static std::atomic<int> clones{0}; return clones; }
 
 private:
   std::string text_;

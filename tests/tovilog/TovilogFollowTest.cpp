@@ -16,7 +16,7 @@ TEST(TovilogFollow, NewRecordsAcrossARollOverUntilInterrupted) {
   ASSERT_TRUE(mgr->Init("live", "", dir.path(), "", false, false));
   mgr->Trace("net", LEVEL_INFO, "old record", nullptr, false, true);
   ASSERT_TRUE(WaitUntil([&] { return Occurrences(OnlyLog(dir.path()), "old record") == 1; }));
-  const std::string firstFile = LogFiles(dir.path()).at(0);
+  const std::string firstFile = ListDir(dir.path()).at(0);
 
   TovilogChild follower({dir.path(), "-f", "--json", "--quiet-events"});
   // It starts at the end of the live file; a record written while it was
