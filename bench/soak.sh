@@ -50,9 +50,9 @@ mkdir -p "$work/root/etc/conf" "$logs" "$kept"
 printf 'nEachFileMaxSize=%s\nnEachProcessMaxZipNum=50\n' "$file_mb" \
   >"$work/root/etc/conf/default_debug.cfg"
 
-# A link shares the archive's inode, so one taken while the archive is still
-# being written ends up complete. An archive that vanished between the
-# listing and the link is noted: its records would count as lost.
+# A link shares the archive's inode, so its records stay readable after the
+# writer prunes the name. An archive that vanished between the listing and
+# the link is noted: its records would count as lost.
 keep_archives() {
   local f name
   for f in "$logs"/*.log.gz; do
