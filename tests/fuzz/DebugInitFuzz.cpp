@@ -65,7 +65,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
   // Whole records only: a fuzzed sub-module name may hold the text too.
   std::size_t forced = 0;
-  for (const std::string& name : tovitest::LogFiles(f.logs)) {
+  for (const std::string& name : tovitest::ListDir(f.logs)) {
+    if (!tovitest::EndsWith(name, ".log")) continue;
     for (const std::string& text : tovitest::RecordTexts(tovitest::ReadFile(f.logs + name))) {
       forced += text == std::string("debug INFO: ") + kForced ? 1 : 0;
     }
