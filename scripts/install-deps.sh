@@ -1,10 +1,11 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the build needs, and only those that are
 # missing, so that a machine that has them all is left alone and offline.
+#   scripts/install-deps.sh [further package...]
 set -euo pipefail
 
 packages=(cmake g++ make pkg-config binutils libace-dev zlib1g-dev libgtest-dev
-          libcli11-dev libre2-dev nlohmann-json3-dev)
+          libcli11-dev libre2-dev nlohmann-json3-dev "$@")
 missing=()
 for p in "${packages[@]}"; do
   if ! dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed'; then

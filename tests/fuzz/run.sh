@@ -1,0 +1,58 @@
+#!/usr/bin/env bash
+# Builds the libFuzzer targets with clang in build-fuzz and runs each one from
+# a fresh copy of its committed corpus, so every run starts from the same
+# seeds and the committed corpus stays small.
+#   tests/fuzz/run.sh [seconds per target, default 30] [target...]
+# Any crash, leak, timeout or sanitizer report fails the run; the input that
+# caused it is left in build-fuzz/artifacts/. TOVI_FUZZ_ARGS adds libFuzzer
+# options, e.g. "-runs=10000000" to stop after that many inputs.
+set -euo pipefail
+here=$(cd "$(dirname "$0")" && pwd)
+root=$(cd "$here/../.." && pwd)
+seconds=${1:-30}
+shift || true
+targets=("$@")
+[ ${#targets[@]} -gt 0 ] || targets=(config_reader command_codes debug_init)
+
+# clang only recommends the runtime that holds libFuzzer, so it is named too.
+"$root/scripts/install-deps.sh" clang libclang-rt-dev
+probe='extern "C" int LLVMFuzzerTestOneInput(const unsigned char*, unsigned long) { return 0; }'
+if ! clang++ -x c++ -fsanitize=fuzzer,address,undefined - -o /dev/null <<<"$probe"; then
+  echo "clang++ cannot build a libFuzzer target" >&2
+  exit 1
+fi
+
+build=${TOVI_FUZZ_BUILD_DIR:-$root/build-fuzz}
+cmake -S "$root" -B "$build" -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+  -DTOVI_BUILD_FUZZ=ON -DTOVI_BUILD_TESTS=OFF -DTOVI_BUILD_EXAMPLES=OFF -DTOVI_BUILD_TOOLS=OFF \
+  -DTOVI_BUILD_BENCH=OFF >/dev/null
+cmake --build "$build" -j"$(nproc 2>/dev/null || echo 2)"
+
+# The targets write a file per input; on ext4 a rewritten file is flushed
+# when closed, which makes the disk the bottleneck, so tmpfs is preferred.
+if [ -z "${TMPDIR:-}" ] && [ -d /dev/shm ] && [ -w /dev/shm ]; then export TMPDIR=/dev/shm; fi
+
+failed=0
+mkdir -p "$build/artifacts"
+for t in "${targets[@]}"; do
+  corpus=$build/corpus/$t
+  rm -rf "$corpus"
+  mkdir -p "$corpus"
+  cp "$here/corpus/$t"/* "$corpus/"
+  dict=()
+  [ "$t" = command_codes ] || dict=(-dict="$here/config.dict")
+  log=$build/$t.log
+  status=0
+  # shellcheck disable=SC2086  # TOVI_FUZZ_ARGS is a list of options
+  "$build/tests/fuzz/${t}_fuzz" "${dict[@]}" -max_total_time="$seconds" -timeout=10 \
+    -rss_limit_mb=2048 -print_final_stats=1 -artifact_prefix="$build/artifacts/$t-" \
+    ${TOVI_FUZZ_ARGS:-} "$corpus" >"$log" 2>&1 || status=$?
+  runs=$(awk '/stat::number_of_executed_units/ { s += $2 } END { print s + 0 }' "$log")
+  rate=$(awk '/stat::average_exec_per_sec/ { s += $2 } END { print s + 0 }' "$log")
+  echo "$t: $runs executions, $rate exec/s, corpus $(ls "$corpus" | wc -l) inputs, exit $status"
+  if [ "$status" -ne 0 ]; then
+    grep -E -A30 '^==[0-9]+==|check failed|ERROR: libFuzzer' "$log" | head -60 >&2
+    failed=1
+  fi
+done
+exit "$failed"
