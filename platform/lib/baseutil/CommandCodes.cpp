@@ -45,9 +45,9 @@ int GetCmdCodefromString(CmdCodeVecter& codes, char* text) {
 
   // Room for the most pieces the text can hold; a trailing comma leaves
   // the last element unused.
-  codes.nCmdNum = static_cast<int32_t>(commas + 1);
-  codes.pCmdCode = new (std::nothrow) int32_t[commas + 1];
-  if (codes.pCmdCode == nullptr) {
+  // A refusal, this one included, leaves the caller's result untouched.
+  int32_t* values = new (std::nothrow) int32_t[commas + 1];
+  if (values == nullptr) {
     ToviOutputString_i("GetCmdCodefromString: Memory alloc failed!\n");
     return 0;
   }
@@ -57,9 +57,10 @@ int GetCmdCodefromString(CmdCodeVecter& codes, char* text) {
   while (start != end) {
     const char* stop = start;
     while (stop != end && *stop != ',') ++stop;
-    codes.pCmdCode[stored++] = PieceValue(start, stop);
+    values[stored++] = PieceValue(start, stop);
     start = (stop == end) ? end : stop + 1;
   }
+  codes.pCmdCode = values;
   codes.nCmdNum = stored;
   return 1;
 }
