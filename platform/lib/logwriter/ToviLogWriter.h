@@ -17,6 +17,10 @@
 //   LogFile.cpp            CreateLogFile, CloseLogFile, WriteString, names,
 //                          handing the pending bytes to the kernel
 //   RecordWriter.cpp       WriteRecord, the date line and the roll-over
+//   FileFaults.cpp         failed writes, files removed from under the
+//                          writer, files that cannot be created, drop counts
+//   ConsoleOutput.cpp      the bounded console output and its drop count
+//   LogFileNames.h         the shapes of the writer's file names
 //   ArchiveMaintenance.cpp MaintainArchives, GetLogFileType, RemoveOldZipFiles
 //   ArchiveThread.cpp      archiving a rolled-over file off the writer thread
 //   GzipArchive.cpp        CompressLogFile, GzipFile
