@@ -30,6 +30,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <deque>
 #include <string>
 #include <vector>
 
@@ -39,6 +40,7 @@
 #include "logwriter/RecordBatchQueue.h"
 
 class AsnType;
+class SyslogForwarder;
 class ToviLogRecord;
 
 class ToviLogWriter {
@@ -56,6 +58,9 @@ public:
   // Takes over a block made by recordblock::Acquire and queues its record.
   bool PutRecord(ACE_Message_Block* block);
   std::string GetLogPath() const;
+  // Records written to the file from now on are also handed to forwarder
+  // (null: none), which must outlive the writer.
+  void SetForwarder(SyslogForwarder* forwarder) { m_pForwarder.store(forwarder); }
 
   bool StartThread();
   static void* OutputThread(void* arg);
@@ -106,6 +111,8 @@ private:
   bool FlushFileBatch();
   void FlushConsoleBatch();
   void ReportConsoleDrops();
+  // Hands the syslog messages of what reached the file to the forwarder.
+  void ForwardBatch();
   bool RollOver();
   // Creates the next file, retrying once a second; false when a stop came
   // first.
@@ -169,6 +176,9 @@ private:
   uint64_t m_nRecordsSinceCheck;
   int64_t m_nLastLinkCheckMs;
   std::string m_ConsoleBatch;
+  std::atomic<SyslogForwarder*> m_pForwarder{nullptr};
+  // The syslog messages of the records in the pending batches.
+  std::deque<std::string> m_SyslogBatch;
   // Where each record of m_ConsoleBatch ends, to count those a stalled
   // console did not take.
   std::vector<std::size_t> m_ConsoleRecordEnds;
