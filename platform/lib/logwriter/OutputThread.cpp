@@ -198,9 +198,10 @@ bool ToviLogWriter::WriteBatch(ACE_Message_Block* chain) {
 }
 
 void ToviLogWriter::ForwardBatch() {
-  if (m_SyslogBatch.empty()) return;
+  if (m_nSyslogMessages == 0) return;
   if (SyslogForwarder* forwarder = m_pForwarder.load(std::memory_order_relaxed)) {
-    forwarder->Submit(m_SyslogBatch);
+    forwarder->Submit(m_SyslogBatch, m_nSyslogMessages);
   }
   m_SyslogBatch.clear();
+  m_nSyslogMessages = 0;
 }

@@ -108,9 +108,10 @@ bool ToviLogWriter::WriteRecord(ToviLogRecord* record, bool fromDiscardQueue) {
     ++m_nBatchRecords;
     if (SyslogForwarder* forwarder = m_pForwarder.load(std::memory_order_relaxed)) {
       try {
-        m_SyslogBatch.emplace_back();
-        syslogmessage::Append(*record, asn, m_strPrefix, forwarder->Facility(),
-                              m_SyslogBatch.back());
+        if (m_strSyslogIdentity.empty()) m_strSyslogIdentity = syslogmessage::Identity(m_strPrefix);
+        syslogmessage::AppendFramed(*record, asn, m_strSyslogIdentity, forwarder->Facility(),
+                                    m_SyslogBatch);
+        ++m_nSyslogMessages;
       } catch (...) {
         // No memory for the message: the file has the record all the same.
       }

@@ -70,21 +70,18 @@ SyslogForwarder::~SyslogForwarder() {
   Stop();
 }
 
-void SyslogForwarder::Submit(std::deque<std::string>& messages) {
-  if (messages.empty()) return;
-  {
-    ACE_Guard<ACE_Thread_Mutex> guard(m_Lock);
-    for (std::string& message : messages) {
-      if (m_nBacklogBytes + message.size() > m_Settings.backlogBytes || !m_bStarted) {
-        ++m_nDropped;
-        continue;
-      }
-      m_nBacklogBytes += message.size();
-      m_Backlog.push_back(std::move(message));
-    }
-    m_Wake.signal();
+void SyslogForwarder::Submit(std::string& framed, std::size_t count) {
+  if (count == 0) return;
+  ACE_Guard<ACE_Thread_Mutex> guard(m_Lock);
+  if (m_nBacklogBytes + framed.size() > m_Settings.backlogBytes || !m_bStarted) {
+    m_nDropped += count;
+    framed.clear();
+    return;
   }
-  messages.clear();
+  m_nBacklogBytes += framed.size();
+  m_Backlog.push_back({std::move(framed), count});
+  framed.clear();
+  m_Wake.signal();
 }
 
 void SyslogForwarder::Stop() {
@@ -152,15 +149,28 @@ void SyslogForwarder::Disconnect() {
   m_bConnected = false;
 }
 
-bool SyslogForwarder::Send(const std::string& message) {
-  if (!m_Settings.tcp) {
-    return m_Dgram.send(message.data(), message.size(), m_Address) ==
-           static_cast<ssize_t>(message.size());
+bool SyslogForwarder::Send(const std::string& chunk, std::size_t& offset) {
+  if (m_Settings.tcp) {
+    std::size_t sent = 0;
+    const bool whole = m_Stream.send_n(chunk.data() + offset, chunk.size() - offset,
+                                       &kNetworkWait, &sent) ==
+                       static_cast<ssize_t>(chunk.size() - offset);
+    // A frame cut by the failure goes again, whole, on the next connection.
+    const std::size_t reached = offset + sent;
+    for (std::size_t begin, length, next; offset < reached;) {
+      if (!syslogmessage::NextFrame(chunk, offset, begin, length, next) || next > reached) break;
+      offset = next;
+    }
+    return whole;
   }
-  const std::string frame = std::to_string(message.size()) + ' ' + message;
-  size_t sent = 0;
-  return m_Stream.send_n(frame.data(), frame.size(), &kNetworkWait, &sent) ==
-         static_cast<ssize_t>(frame.size());
+  for (std::size_t begin, length, next;
+       offset < chunk.size() && syslogmessage::NextFrame(chunk, offset, begin, length, next);
+       offset = next) {
+    if (m_Dgram.send(chunk.data() + begin, length, m_Address) != static_cast<ssize_t>(length)) {
+      return false;
+    }
+  }
+  return true;
 }
 
 void SyslogForwarder::BackOff() {
@@ -175,49 +185,43 @@ void SyslogForwarder::BackOff() {
 
 void SyslogForwarder::Loop() {
   for (;;) {
-    std::deque<std::string> batch;
+    Chunk chunk;
     uint64_t dropped = 0;
     {
       ACE_Guard<ACE_Thread_Mutex> guard(m_Lock);
       while (m_Backlog.empty() && m_nDropped == 0 && !m_bStopping) m_Wake.wait();
       if (m_bStopping && (m_Backlog.empty() || toviport::SteadyMs() > m_nStopDeadlineMs)) return;
-      batch.swap(m_Backlog);
+      if (!m_Backlog.empty()) {
+        chunk = std::move(m_Backlog.front());
+        m_Backlog.pop_front();
+      }
       dropped = m_nDropped;
     }
-    if (!Connect()) {
-      // Back into the backlog, ahead of what came meanwhile.
-      ACE_Guard<ACE_Thread_Mutex> guard(m_Lock);
-      for (auto it = batch.rbegin(); it != batch.rend(); ++it) m_Backlog.push_front(std::move(*it));
-      if (m_bStopping && toviport::SteadyMs() > m_nStopDeadlineMs) return;
-      guard.release();
-      BackOff();
-      continue;
-    }
-    std::size_t sent = 0;
-    while (sent < batch.size() && Send(batch[sent])) ++sent;
+    std::size_t offset = 0;
+    const bool sent = Connect() && Send(chunk.framed, offset);
     {
       ACE_Guard<ACE_Thread_Mutex> guard(m_Lock);
-      for (std::size_t i = 0; i < sent; ++i) m_nBacklogBytes -= batch[i].size();
-      for (std::size_t i = batch.size(); i > sent; --i) m_Backlog.push_front(std::move(batch[i - 1]));
+      if (sent) {
+        m_nBacklogBytes -= chunk.framed.size();
+      } else if (!chunk.framed.empty()) {
+        // Back at the head, without what went out whole.
+        m_nBacklogBytes -= offset;
+        chunk.framed.erase(0, offset);
+        m_Backlog.push_front(std::move(chunk));
+      }
+      if (!sent && m_bStopping && toviport::SteadyMs() > m_nStopDeadlineMs) return;
     }
-    if (sent < batch.size()) {
+    if (!sent) {
       Disconnect();
       BackOff();
       continue;
     }
     if (dropped == 0) continue;
-    const std::string text = std::to_string(dropped) +
-                             " records dropped while the collector was unreachable";
-    std::string notice;
-    syslogmessage::AppendNotice(m_Settings.appName, m_Settings.facility, LEVEL_WARN, text, notice);
-    if (!Send(notice)) {
-      Disconnect();
-      continue;
-    }
     {
       ACE_Guard<ACE_Thread_Mutex> guard(m_Lock);
       m_nDropped -= dropped;
     }
-    Notify(text);
+    // Into the main log file, and from there to the collector in its turn.
+    Notify(std::to_string(dropped) + " records dropped while the collector was unreachable");
   }
 }

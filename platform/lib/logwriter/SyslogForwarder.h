@@ -48,9 +48,10 @@ public:
 
   int Facility() const { return m_Settings.facility; }
 
-  // Takes messages into the backlog, dropping and counting those beyond its
-  // bound. Waits for nothing but the backlog's lock.
-  void Submit(std::deque<std::string>& messages);
+  // Takes count framed messages (see syslogmessage::AppendFramed) into the
+  // backlog, or drops and counts them when the bound has no room. Waits for
+  // nothing but the backlog's lock.
+  void Submit(std::string& framed, std::size_t count);
 
   // From here on nothing more goes into the log file; waits for a line
   // that is being written.
@@ -64,7 +65,9 @@ private:
   void Loop();
   bool Connect();
   void Disconnect();
-  bool Send(const std::string& message);
+  // Sends the frames of chunk from offset on; offset ends past the last
+  // frame that went out whole.
+  bool Send(const std::string& chunk, std::size_t& offset);
   // Sleeps for the current back-off, unless a stop comes first.
   void BackOff();
   void Notify(const std::string& line);
@@ -73,7 +76,11 @@ private:
   std::function<void(const std::string&)> m_Notify;
   ACE_Thread_Mutex m_Lock;
   ACE_Condition_Thread_Mutex m_Wake;
-  std::deque<std::string> m_Backlog;
+  struct Chunk {
+    std::string framed;
+    std::size_t count;
+  };
+  std::deque<Chunk> m_Backlog;
   std::size_t m_nBacklogBytes = 0;
   uint64_t m_nDropped = 0;
   bool m_bStopping = false;

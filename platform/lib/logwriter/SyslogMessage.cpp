@@ -2,6 +2,7 @@
 #include "logwriter/SyslogMessage.h"
 
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 
@@ -45,14 +46,6 @@ std::string LevelName(ToviLogLevel level) {
   }
 }
 
-const std::string& HostName() {
-  static const std::string name = [] {
-    std::string host = toviport::HostName();
-    return host.empty() ? std::string("-") : host;
-  }();
-  return name;
-}
-
 // "+HH:MM" of the local zone now; asked again only when the second changes.
 const char* ZoneOffset() {
   thread_local time_t second = -1;
@@ -81,29 +74,14 @@ void AppendField(const char* text, std::size_t length, std::size_t max, std::str
   }
 }
 
-void AppendHead(const char* stamp, const std::string& appName, int facility, ToviLogLevel level,
-                const char* msgId, std::size_t msgIdLength, uint32_t thread, std::string& out) {
-  char head[96];
-  // "YYYY-MM-DD HH:MM:SS.uuuuuu" becomes "YYYY-MM-DDTHH:MM:SS.uuuuuu+HH:MM".
-  std::snprintf(head, sizeof head, "<%d>1 %.10sT%.15s%s ", facility * 8 + Severity(level), stamp,
-                stamp + 11, ZoneOffset());
-  out += head;
-  out += HostName();
-  out += ' ';
-  AppendField(appName.data(), appName.size(), 48, out);
-  out += ' ';
-  out += std::to_string(toviport::CurrentProcessId());
-  out += ' ';
-  AppendField(msgId, msgIdLength, kMaxMsgId, out);
-  std::snprintf(head, sizeof head, " [tovi@32473 thread=\"%x\" level=\"%s\"] ", thread,
-                LevelName(level).c_str());
-  out += head;
-}
-
-void CutToLimit(std::size_t start, std::string& out) {
-  if (out.size() - start <= kMaxMessage) return;
-  out.resize(start + kMaxMessage - (sizeof kCutMark - 1));
-  out += kCutMark;
+void AppendHex(uint32_t value, std::string& out) {
+  char digits[8];
+  int n = 0;
+  do {
+    digits[n++] = "0123456789abcdef"[value & 0xF];
+    value >>= 4;
+  } while (value != 0);
+  while (n > 0) out += digits[--n];
 }
 
 }  // namespace
@@ -116,13 +94,39 @@ int FacilityCode(const std::string& name) {
   return -1;
 }
 
-void Append(const ToviLogRecord& record, const std::string& asn, const std::string& appName,
-            int facility, std::string& out) {
+std::string Identity(const std::string& appName) {
+  std::string host = toviport::HostName();
+  std::string out = " ";
+  AppendField(host.data(), host.size(), 255, out);
+  out += ' ';
+  AppendField(appName.data(), appName.size(), 48, out);
+  out += ' ' + std::to_string(toviport::CurrentProcessId()) + ' ';
+  return out;
+}
+
+void AppendFramed(const ToviLogRecord& record, const std::string& asn,
+                  const std::string& identity, int facility, std::string& out) {
+  // The length goes in front once the message is known; room for it first.
+  const std::size_t frame = out.size();
+  out.append(5, ' ');
   const std::size_t start = out.size();
+  out += '<';
+  out += std::to_string(facility * 8 + Severity(record.m_nLevel));
+  out += ">1 ";
+  // "YYYY-MM-DD HH:MM:SS.uuuuuu" becomes "YYYY-MM-DDTHH:MM:SS.uuuuuu+HH:MM".
+  out.append(record.m_pTime, 10);
+  out += 'T';
+  out.append(record.m_pTime + 11, 15);
+  out += ZoneOffset();
+  out += identity;
   const char* text = record.m_pText != nullptr ? record.m_pText : "";
   const std::size_t textLen = record.m_pText != nullptr ? record.m_nTextLen : 0;
-  AppendHead(record.m_pTime, appName, facility, record.m_nLevel, text, record.m_nSubModuleLen,
-             record.m_nThreadId, out);
+  AppendField(text, record.m_nSubModuleLen, kMaxMsgId, out);
+  out += " [tovi@32473 thread=\"";
+  AppendHex(record.m_nThreadId, out);
+  out += "\" level=\"";
+  out += LevelName(record.m_nLevel);
+  out += "\"] ";
   const std::size_t skip = record.m_nSubModuleLen + 1 + PrefixLength(record.m_nLevel);
   if (skip < textLen) out.append(text + skip, textLen - skip);
   if (!asn.empty()) {
@@ -131,17 +135,24 @@ void Append(const ToviLogRecord& record, const std::string& asn, const std::stri
   } else if (out.back() == '\n') {
     out.pop_back();
   }
-  CutToLimit(start, out);
+  if (out.size() - start > kMaxMessage) {
+    out.resize(start + kMaxMessage - (sizeof kCutMark - 1));
+    out += kCutMark;
+  }
+  // At most 2048: four digits and the blank, right-aligned in the room.
+  char length[8];
+  const int digits = std::snprintf(length, sizeof length, "%zu ", out.size() - start);
+  out.replace(frame, 5, length, static_cast<std::size_t>(digits));
 }
 
-void AppendNotice(const std::string& appName, int facility, ToviLogLevel level,
-                  const std::string& text, std::string& out) {
-  char stamp[timestamp::kLength + 1];
-  timestamp::FormatNow(stamp);
-  const std::size_t start = out.size();
-  AppendHead(stamp, appName, facility, level, "syslog", 6, toviport::CurrentThreadId(), out);
-  out += text;
-  CutToLimit(start, out);
+bool NextFrame(const std::string& framed, std::size_t at, std::size_t& begin, std::size_t& length,
+               std::size_t& next) {
+  const std::size_t blank = framed.find(' ', at);
+  if (blank == std::string::npos || blank == at) return false;
+  length = std::strtoul(framed.c_str() + at, nullptr, 10);
+  begin = blank + 1;
+  next = begin + length;
+  return next <= framed.size();
 }
 
 }  // namespace syslogmessage

@@ -28,14 +28,18 @@ constexpr std::size_t kMaxMessage = 2048;
 // anything else.
 int FacilityCode(const std::string& name);
 
-// Appends the message of record (with its rendered ASN.1 value, or empty)
-// to out.
-void Append(const ToviLogRecord& record, const std::string& asn, const std::string& appName,
-            int facility, std::string& out);
+// " HOSTNAME APP-NAME PROCID ": what every message of one writer shares.
+std::string Identity(const std::string& appName);
 
-// A message of the library's own, such as a count of dropped records.
-void AppendNotice(const std::string& appName, int facility, ToviLogLevel level,
-                  const std::string& text, std::string& out);
+// Appends the message of record (with its rendered ASN.1 value, or empty)
+// to out, framed for TCP by octet counting: "LEN SP MESSAGE".
+void AppendFramed(const ToviLogRecord& record, const std::string& asn,
+                  const std::string& identity, int facility, std::string& out);
+
+// The message of a frame that starts at `at` in framed; false when no whole
+// frame starts there. next is where the following frame starts.
+bool NextFrame(const std::string& framed, std::size_t at, std::size_t& begin, std::size_t& length,
+               std::size_t& next);
 
 }  // namespace syslogmessage
 

@@ -30,7 +30,6 @@
 
 #include <atomic>
 #include <cstdint>
-#include <deque>
 #include <string>
 #include <vector>
 
@@ -177,8 +176,11 @@ private:
   int64_t m_nLastLinkCheckMs;
   std::string m_ConsoleBatch;
   std::atomic<SyslogForwarder*> m_pForwarder{nullptr};
-  // The syslog messages of the records in the pending batches.
-  std::deque<std::string> m_SyslogBatch;
+  // The framed syslog messages of the records in the pending batches, and
+  // what every message of this writer shares.
+  std::string m_SyslogBatch;
+  std::size_t m_nSyslogMessages = 0;
+  std::string m_strSyslogIdentity;
   // Where each record of m_ConsoleBatch ends, to count those a stalled
   // console did not take.
   std::vector<std::size_t> m_ConsoleRecordEnds;
