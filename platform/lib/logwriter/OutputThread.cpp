@@ -198,10 +198,12 @@ bool ToviLogWriter::WriteBatch(ACE_Message_Block* chain) {
 }
 
 void ToviLogWriter::ForwardBatch() {
-  if (m_nSyslogMessages == 0) return;
+  if (m_nSyslogMessages == 0 && m_nSyslogSkipped == 0) return;
   if (SyslogForwarder* forwarder = m_pForwarder.load(std::memory_order_relaxed)) {
     forwarder->Submit(m_SyslogBatch, m_nSyslogMessages);
+    forwarder->Skipped(m_nSyslogSkipped);
   }
   m_SyslogBatch.clear();
   m_nSyslogMessages = 0;
+  m_nSyslogSkipped = 0;
 }

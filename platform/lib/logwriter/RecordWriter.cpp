@@ -106,7 +106,10 @@ bool ToviLogWriter::WriteRecord(ToviLogRecord* record, bool fromDiscardQueue) {
     if (needsLineEnd) WriteBytes("\n", 1);
     WriteBytes(asn.data(), asn.size());
     ++m_nBatchRecords;
-    if (SyslogForwarder* forwarder = m_pForwarder.load(std::memory_order_relaxed)) {
+    SyslogForwarder* forwarder = m_pForwarder.load(std::memory_order_relaxed);
+    if (forwarder != nullptr && !forwarder->Accepting()) {
+      ++m_nSyslogSkipped;
+    } else if (forwarder != nullptr) {
       try {
         if (m_strSyslogIdentity.empty()) m_strSyslogIdentity = syslogmessage::Identity(m_strPrefix);
         syslogmessage::AppendFramed(*record, asn, m_strSyslogIdentity, forwarder->Facility(),

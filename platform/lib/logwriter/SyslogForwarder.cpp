@@ -76,12 +76,19 @@ void SyslogForwarder::Submit(std::string& framed, std::size_t count) {
   if (m_nBacklogBytes + framed.size() > m_Settings.backlogBytes || !m_bStarted) {
     m_nDropped += count;
     framed.clear();
+    m_bAccepting.store(false, std::memory_order_relaxed);
     return;
   }
   m_nBacklogBytes += framed.size();
   m_Backlog.push_back({std::move(framed), count});
   framed.clear();
   m_Wake.signal();
+}
+
+void SyslogForwarder::Skipped(std::size_t count) {
+  if (count == 0) return;
+  ACE_Guard<ACE_Thread_Mutex> guard(m_Lock);
+  m_nDropped += count;
 }
 
 void SyslogForwarder::Stop() {
@@ -176,11 +183,11 @@ bool SyslogForwarder::Send(const std::string& chunk, std::size_t& offset) {
 void SyslogForwarder::BackOff() {
   m_nBackOffMs = m_nBackOffMs == 0 ? kFirstBackOffMs : m_nBackOffMs * 2;
   if (m_nBackOffMs > kLastBackOffMs) m_nBackOffMs = kLastBackOffMs;
-  ACE_Guard<ACE_Thread_Mutex> guard(m_Lock);
-  if (m_bStopping) return;
   ACE_Time_Value until = ACE_OS::gettimeofday();
   until += ACE_Time_Value(0, static_cast<suseconds_t>(m_nBackOffMs) * 1000);
-  m_Wake.wait(&until);
+  // New messages do not cut the pause short; only a stop does.
+  ACE_Guard<ACE_Thread_Mutex> guard(m_Lock);
+  while (!m_bStopping && ACE_OS::gettimeofday() < until) m_Wake.wait(&until);
 }
 
 void SyslogForwarder::Loop() {
@@ -203,13 +210,18 @@ void SyslogForwarder::Loop() {
       ACE_Guard<ACE_Thread_Mutex> guard(m_Lock);
       if (sent) {
         m_nBacklogBytes -= chunk.framed.size();
+        // Room again once half the bound is free, not for every message.
+        if (m_nBacklogBytes < m_Settings.backlogBytes / 2) {
+          m_bAccepting.store(true, std::memory_order_relaxed);
+        }
       } else if (!chunk.framed.empty()) {
         // Back at the head, without what went out whole.
         m_nBacklogBytes -= offset;
         chunk.framed.erase(0, offset);
         m_Backlog.push_front(std::move(chunk));
       }
-      if (!sent && m_bStopping && toviport::SteadyMs() > m_nStopDeadlineMs) return;
+      // Stopping: a collector that fails now gets no further tries.
+      if (!sent && m_bStopping) return;
     }
     if (!sent) {
       Disconnect();

@@ -11,6 +11,7 @@
 #define TOVI_LOGWRITER_SYSLOGFORWARDER_H
 
 #include <cstddef>
+#include <atomic>
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -53,6 +54,11 @@ public:
   // nothing but the backlog's lock.
   void Submit(std::string& framed, std::size_t count);
 
+  // False while the backlog is full: a writer then need not format its
+  // records' messages at all, only count them with Skipped.
+  bool Accepting() const { return m_bAccepting.load(std::memory_order_relaxed); }
+  void Skipped(std::size_t count);
+
   // From here on nothing more goes into the log file; waits for a line
   // that is being written.
   void DisableNotify();
@@ -83,6 +89,7 @@ private:
   std::deque<Chunk> m_Backlog;
   std::size_t m_nBacklogBytes = 0;
   uint64_t m_nDropped = 0;
+  std::atomic<bool> m_bAccepting{true};
   bool m_bStopping = false;
   // Held while a line goes into the log file, which may wait for room in the
   // main writer's queue: never held with m_Lock.

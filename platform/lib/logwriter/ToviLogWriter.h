@@ -180,6 +180,8 @@ private:
   // what every message of this writer shares.
   std::string m_SyslogBatch;
   std::size_t m_nSyslogMessages = 0;
+  // Records not formatted because the forwarder's backlog was full.
+  std::size_t m_nSyslogSkipped = 0;
   std::string m_strSyslogIdentity;
   // Where each record of m_ConsoleBatch ends, to count those a stalled
   // console did not take.
