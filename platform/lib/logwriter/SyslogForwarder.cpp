@@ -1,6 +1,7 @@
 // SyslogForwarder.cpp - the backlog, the connection and its faults.
 #include "logwriter/SyslogForwarder.h"
 
+#include <cerrno>
 #include <cstdlib>
 
 #include <ace/Guard_T.h>
@@ -73,14 +74,26 @@ SyslogForwarder::~SyslogForwarder() {
 void SyslogForwarder::Submit(std::string& framed, std::size_t count) {
   if (count == 0) return;
   ACE_Guard<ACE_Thread_Mutex> guard(m_Lock);
-  if (m_nBacklogBytes + framed.size() > m_Settings.backlogBytes || !m_bStarted) {
-    m_nDropped += count;
-    framed.clear();
-    m_bAccepting.store(false, std::memory_order_relaxed);
-    return;
+  // The frames that fit are kept, in order; the rest are counted.
+  const std::size_t room = m_bStarted && m_nBacklogBytes < m_Settings.backlogBytes
+                               ? m_Settings.backlogBytes - m_nBacklogBytes
+                               : 0;
+  std::size_t fits = 0;
+  std::size_t kept = 0;
+  for (std::size_t begin, length, next;
+       kept < count && syslogmessage::NextFrame(framed, fits, begin, length, next) && next <= room;
+       fits = next) {
+    ++kept;
   }
-  m_nBacklogBytes += framed.size();
-  m_Backlog.push_back({std::move(framed), count});
+  if (kept < count) {
+    m_nDropped += count - kept;
+    m_bAccepting.store(false, std::memory_order_relaxed);
+    framed.resize(fits);
+  }
+  if (kept > 0) {
+    m_nBacklogBytes += framed.size();
+    m_Backlog.push_back({std::move(framed), kept});
+  }
   framed.clear();
   m_Wake.signal();
 }
@@ -89,6 +102,7 @@ void SyslogForwarder::Skipped(std::size_t count) {
   if (count == 0) return;
   ACE_Guard<ACE_Thread_Mutex> guard(m_Lock);
   m_nDropped += count;
+  m_Wake.signal();
 }
 
 void SyslogForwarder::Stop() {
@@ -156,10 +170,20 @@ void SyslogForwarder::Disconnect() {
   m_bConnected = false;
 }
 
+bool SyslogForwarder::PeerClosed() {
+  // A collector that died has closed its end; without this look, the first
+  // send after its death would seem to succeed and its messages be lost.
+  char byte;
+  const ssize_t n = m_Stream.recv(&byte, 1, MSG_PEEK | MSG_DONTWAIT);
+  return n == 0 || (n < 0 && errno != EAGAIN && errno != EWOULDBLOCK);
+}
+
 bool SyslogForwarder::Send(const std::string& chunk, std::size_t& offset) {
   if (m_Settings.tcp) {
+    if (PeerClosed()) return false;
     std::size_t sent = 0;
-    const bool whole = m_Stream.send_n(chunk.data() + offset, chunk.size() - offset,
+    // MSG_NOSIGNAL: a collector that went away must not end the process.
+    const bool whole = m_Stream.send_n(chunk.data() + offset, chunk.size() - offset, MSG_NOSIGNAL,
                                        &kNetworkWait, &sent) ==
                        static_cast<ssize_t>(chunk.size() - offset);
     // A frame cut by the failure goes again, whole, on the next connection.
@@ -202,6 +226,10 @@ void SyslogForwarder::Loop() {
         chunk = std::move(m_Backlog.front());
         m_Backlog.pop_front();
       }
+      // Room again once half the bound is free, not for every message.
+      if (m_nBacklogBytes - chunk.framed.size() < m_Settings.backlogBytes / 2) {
+        m_bAccepting.store(true, std::memory_order_relaxed);
+      }
       dropped = m_nDropped;
     }
     std::size_t offset = 0;
@@ -210,10 +238,6 @@ void SyslogForwarder::Loop() {
       ACE_Guard<ACE_Thread_Mutex> guard(m_Lock);
       if (sent) {
         m_nBacklogBytes -= chunk.framed.size();
-        // Room again once half the bound is free, not for every message.
-        if (m_nBacklogBytes < m_Settings.backlogBytes / 2) {
-          m_bAccepting.store(true, std::memory_order_relaxed);
-        }
       } else if (!chunk.framed.empty()) {
         // Back at the head, without what went out whole.
         m_nBacklogBytes -= offset;

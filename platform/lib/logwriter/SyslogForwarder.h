@@ -70,6 +70,7 @@ private:
   static void* Run(void* arg);
   void Loop();
   bool Connect();
+  bool PeerClosed();
   void Disconnect();
   // Sends the frames of chunk from offset on; offset ends past the last
   // frame that went out whole.
