@@ -18,6 +18,7 @@ bool WriteDebugConfig(const peerbench::fs::path& root) {
   std::ofstream out(conf / "default_debug.cfg");
   out << "nEachProcessMaxZipNum=50\n";
   if (const char* size = std::getenv("BENCH_FILE_MB")) out << "nEachFileMaxSize=" << size << "\n";
+  if (const char* target = std::getenv("BENCH_SYSLOG")) out << "syslog_target=" << target << "\n";
   return static_cast<bool>(out.flush());
 }
 

@@ -32,16 +32,19 @@ struct Options {
   double seconds = 5.0;
   long long records = 0;  // 0: run for `seconds`
   std::string root = "tovi-demo-root";
+  std::string syslog;  // a collector to forward to, as syslog_target takes it
 };
 
 void Usage(const char* argv0) {
   std::printf(
       "usage: %s [--threads N] [--seconds S | --records N] [--root DIR]\n"
+      "          [--syslog tcp://HOST:PORT | udp://HOST:PORT]\n"
       "  --threads N   worker threads that trace (default 4)\n"
       "  --seconds S   how long the workers trace (default 5)\n"
       "  --records N   stop after about N records instead of after a time\n"
       "  --root DIR    installation root to use as TOVI_ROOT (default ./tovi-demo-root);\n"
-      "                its etc/conf/*.cfg are written on the first run and kept after\n",
+      "                its etc/conf/*.cfg are written on the first run and kept after\n"
+      "  --syslog URL  also forward every logged record to that syslog collector\n",
       argv0);
 }
 
@@ -60,6 +63,8 @@ bool ParseOptions(int argc, char** argv, Options& options) {
       options.records = std::atoll(argv[++i]);
     } else if (arg == "--root" && hasValue) {
       options.root = argv[++i];
+    } else if (arg == "--syslog" && hasValue) {
+      options.syslog = argv[++i];
     } else {
       std::fprintf(stderr, "unknown or incomplete option: %s\n", arg.c_str());
       Usage(argv[0]);
@@ -190,8 +195,22 @@ int main(int argc, char** argv) {
   WriteIfMissing(ToviGetDefaultCfgFile(), kProductConfig);
   const std::string logDir = ToviGetDefaultLogPath();
 
+  // Forwarding comes from the configuration: a copy of it with the target.
+  std::string debugCfg;
+  if (!options.syslog.empty()) {
+    debugCfg = ToviGetDefaultTempPath() + "demo_syslog_debug.cfg";
+    ToviMakeDirEx(ToviGetDefaultTempPath().c_str());
+    std::ifstream in(ToviGetDefaultDebugCfgFile());
+    std::ofstream out(debugCfg);
+    for (std::string line; std::getline(in, line);) {
+      if (line.rfind("syslog_target", 0) != 0) out << line << "\n";
+    }
+    out << "syslog_target=" << options.syslog << "\n";
+  }
+
   ToviDebugMgr* mgr = ToviDebugMgr::Instance();
-  if (mgr == nullptr || !mgr->Init("demo", "", "", "tovi_demo: worker threads tracing\n", false, false)) {
+  if (mgr == nullptr ||
+      !mgr->Init("demo", debugCfg, "", "tovi_demo: worker threads tracing\n", false, false)) {
     std::fprintf(stderr, "the trace manager could not be initialised (log dir %s)\n", logDir.c_str());
     return 1;
   }

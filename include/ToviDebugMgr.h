@@ -27,6 +27,7 @@ class ToviInterString;
 class ToviLogWriter;
 class SubModuleIndex;
 class SubModuleInfo;
+class SyslogForwarder;
 
 // The level of a message, and the number of its bit in a level mask. Levels 4
 // to 31 are accepted and carry no name; the fixed underlying type keeps every
@@ -103,6 +104,9 @@ private:
   bool GetSubModuleInfo_i(const std::string& name, std::bitset<32>& level,
                           std::bitset<32>& output);
   std::string DefSubModuleName();
+  // Starts forwarding as the configuration asks, or says in the main log
+  // file why it stays off.
+  void StartSyslogForwarding(ToviLogWriter* mainWriter);
 
   static ACE_Recursive_Thread_Mutex m_InstanceLock;
 
@@ -130,6 +134,8 @@ private:
   std::map<std::string, ToviLogWriter*> m_WriterTable;
   ACE_RW_Thread_Mutex m_WriterTableLock;
   std::string m_strInitName;
+  // Sends what the writers write to a syslog collector; null when off.
+  SyslogForwarder* m_pSyslogForwarder;
 };
 
 #endif

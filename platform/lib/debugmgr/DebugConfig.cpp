@@ -128,3 +128,9 @@ void ToviDebugMgr::GetCfgItem(const std::string& strDebugCfgFile, int& nFiltLogB
     }
   }
 }
+
+SyslogKeys ReadSyslogKeys(const std::string& debugFile) {
+  const SettingReader settings(debugFile, ToviGetDefaultCfgFile());
+  return {settings.StringOr("syslog_target", ""), settings.StringOr("syslog_facility", ""),
+          settings.StringOr("syslog_buffer_kb", "")};
+}

@@ -106,6 +106,7 @@ bool ToviDebugMgr::Init(const std::string& strName, const std::string& strDebugC
     m_WriterTable[m_strInitName] = writer;
   }
   m_pMainWriter.store(writer, std::memory_order_release);
+  StartSyslogForwarding(writer);
   m_bInit.store(true, std::memory_order_release);
   return true;
 }

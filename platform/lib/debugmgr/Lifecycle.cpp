@@ -12,6 +12,7 @@
 #include "debugmgr/CallGate.h"
 #include "debugmgr/SubModuleIndex.h"
 #include "debugmgr/SubModuleInfo.h"
+#include "logwriter/SyslogForwarder.h"
 #include "logwriter/ToviLogWriter.h"
 #include "port/ToviPort.h"
 
@@ -26,7 +27,8 @@ ToviDebugMgr::ToviDebugMgr()
       m_pDebugEngine(nullptr),
       m_pMainWriter(nullptr),
       m_pSubModuleIndex(new (std::nothrow) SubModuleIndex("debug")),
-      m_nDefLogLevel(LEVEL_INFO) {}
+      m_nDefLogLevel(LEVEL_INFO),
+      m_pSyslogForwarder(nullptr) {}
 
 ToviDebugMgr* ToviDebugMgr::Instance() {
   ToviDebugMgr* manager = m_pInstance.load(std::memory_order_acquire);
@@ -58,6 +60,8 @@ void ToviDebugMgr::Destroy() {
 ToviDebugMgr::~ToviDebugMgr() {
   delete m_pDebugEngine.exchange(nullptr, std::memory_order_acq_rel);
 
+  // The forwarder's lines go into the main writer, which is about to go.
+  if (m_pSyslogForwarder != nullptr) m_pSyslogForwarder->DisableNotify();
   {
     // Deleting a writer writes out what was queued before the stop and
     // waits for its thread.
@@ -66,6 +70,10 @@ ToviDebugMgr::~ToviDebugMgr() {
     m_WriterTable.clear();
     m_pMainWriter.store(nullptr, std::memory_order_release);
   }
+
+  // Last, so that it gets what the writers wrote at their stop.
+  delete m_pSyslogForwarder;
+  m_pSyslogForwarder = nullptr;
 
   delete m_pSubModuleIndex;
   m_pSubModuleIndex = nullptr;

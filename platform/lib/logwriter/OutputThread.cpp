@@ -16,6 +16,7 @@
 #include "ToviBaseUtil.h"
 #include "logwriter/RecordBatchQueue.h"
 #include "logwriter/RecordBlock.h"
+#include "logwriter/SyslogForwarder.h"
 #include "logwriter/ToviLogRecord.h"
 #include "logwriter/ToviLogWriter.h"
 #include "port/ToviPort.h"
@@ -121,6 +122,7 @@ void* ToviLogWriter::OutputThread(void* arg) {
 
   self->DrainOutputQueue();
 
+  self->ForwardBatch();
   self->FlushConsoleBatch();
   self->ReportConsoleDrops();
   self->ReportDroppedRecords();
@@ -162,6 +164,7 @@ bool ToviLogWriter::WriteBatch(ACE_Message_Block* chain) {
   const auto handOver = [&] {
     // The file first: a console that is slow must not keep records from it.
     if (ReplaceRemovedFile() && !FlushFileBatch()) RecoverFromFailedWrite();
+    ForwardBatch();
     FlushConsoleBatch();
     m_OutputQueue.release_bytes(bytes, length);
     bytes = length = 0;
@@ -192,4 +195,15 @@ bool ToviLogWriter::WriteBatch(ACE_Message_Block* chain) {
   }
   handOver();
   return false;
+}
+
+void ToviLogWriter::ForwardBatch() {
+  if (m_nSyslogMessages == 0 && m_nSyslogSkipped == 0) return;
+  if (SyslogForwarder* forwarder = m_pForwarder.load(std::memory_order_relaxed)) {
+    forwarder->Submit(m_SyslogBatch, m_nSyslogMessages);
+    forwarder->Skipped(m_nSyslogSkipped);
+  }
+  m_SyslogBatch.clear();
+  m_nSyslogMessages = 0;
+  m_nSyslogSkipped = 0;
 }

@@ -12,6 +12,8 @@
 #include <cstring>
 #include <string>
 
+#include "logwriter/SyslogForwarder.h"
+#include "logwriter/SyslogMessage.h"
 #include "logwriter/TimeStamp.h"
 #include "logwriter/ToviLogRecord.h"
 #include "logwriter/ToviLogWriter.h"
@@ -104,6 +106,19 @@ bool ToviLogWriter::WriteRecord(ToviLogRecord* record, bool fromDiscardQueue) {
     if (needsLineEnd) WriteBytes("\n", 1);
     WriteBytes(asn.data(), asn.size());
     ++m_nBatchRecords;
+    SyslogForwarder* forwarder = m_pForwarder.load(std::memory_order_relaxed);
+    if (forwarder != nullptr && !forwarder->Accepting()) {
+      ++m_nSyslogSkipped;
+    } else if (forwarder != nullptr) {
+      try {
+        if (m_strSyslogIdentity.empty()) m_strSyslogIdentity = syslogmessage::Identity(m_strPrefix);
+        syslogmessage::AppendFramed(*record, asn, m_strSyslogIdentity, forwarder->Facility(),
+                                    m_SyslogBatch);
+        ++m_nSyslogMessages;
+      } catch (...) {
+        // No memory for the message: the file has the record all the same.
+      }
+    }
     if (m_nFileBytes > static_cast<int64_t>(m_nEachFileMaxSize)) {
       if (!RollOver()) return false;
     } else if (m_FileBatch.size() >= kBatchBytes) {

@@ -33,6 +33,8 @@ public:
   ToviLogLevel m_nLevel = LEVEL_INFO;
   char* m_pText = nullptr;  // NUL-terminated, inside the block
   uint32_t m_nTextLen = 0;
+  // The sub-module name's share at the start of the text.
+  uint32_t m_nSubModuleLen = 0;
   AsnType* m_pAsn = nullptr;
   bool m_bPrint = false;
   bool m_bLog = false;

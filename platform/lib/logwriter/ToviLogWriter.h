@@ -39,6 +39,7 @@
 #include "logwriter/RecordBatchQueue.h"
 
 class AsnType;
+class SyslogForwarder;
 class ToviLogRecord;
 
 class ToviLogWriter {
@@ -56,6 +57,9 @@ public:
   // Takes over a block made by recordblock::Acquire and queues its record.
   bool PutRecord(ACE_Message_Block* block);
   std::string GetLogPath() const;
+  // Records written to the file from now on are also handed to forwarder
+  // (null: none), which must outlive the writer.
+  void SetForwarder(SyslogForwarder* forwarder) { m_pForwarder.store(forwarder); }
 
   bool StartThread();
   static void* OutputThread(void* arg);
@@ -106,6 +110,8 @@ private:
   bool FlushFileBatch();
   void FlushConsoleBatch();
   void ReportConsoleDrops();
+  // Hands the syslog messages of what reached the file to the forwarder.
+  void ForwardBatch();
   bool RollOver();
   // Creates the next file, retrying once a second; false when a stop came
   // first.
@@ -169,6 +175,14 @@ private:
   uint64_t m_nRecordsSinceCheck;
   int64_t m_nLastLinkCheckMs;
   std::string m_ConsoleBatch;
+  std::atomic<SyslogForwarder*> m_pForwarder{nullptr};
+  // The framed syslog messages of the records in the pending batches, and
+  // what every message of this writer shares.
+  std::string m_SyslogBatch;
+  std::size_t m_nSyslogMessages = 0;
+  // Records not formatted because the forwarder's backlog was full.
+  std::size_t m_nSyslogSkipped = 0;
+  std::string m_strSyslogIdentity;
   // Where each record of m_ConsoleBatch ends, to count those a stalled
   // console did not take.
   std::vector<std::size_t> m_ConsoleRecordEnds;

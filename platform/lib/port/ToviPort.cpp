@@ -207,6 +207,12 @@ uint32_t CurrentThreadId() {
 
 uint32_t CurrentProcessId() { return static_cast<uint32_t>(::getpid()); }
 
+std::string HostName() {
+  char name[256] = {};
+  if (::gethostname(name, sizeof name - 1) != 0) return std::string();
+  return name;
+}
+
 bool MakeBackgroundThread() {
   struct sched_param param {};
   param.sched_priority = 0;

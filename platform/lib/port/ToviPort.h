@@ -114,6 +114,9 @@ std::size_t FormatTime(char* buf, std::size_t size, const char* format, const st
 uint32_t CurrentThreadId();
 uint32_t CurrentProcessId();
 
+// The host's name, or empty when it cannot be had.
+std::string HostName();
+
 // Marks the calling thread as background work: it still gets its fair share
 // of the processor, but waking up it does not preempt the threads that are
 // running. False when the system refused.

@@ -69,6 +69,7 @@ bool ToviLogWriter::AddLog(const std::string& subModule, ToviLogLevel level, con
   record->m_pTime = stamp;
   record->m_pText = body;
   record->m_nTextLen = static_cast<uint32_t>(textLen);
+  record->m_nSubModuleLen = static_cast<uint32_t>(nameLen);
   record->m_nThreadId = toviport::CurrentThreadId();
   record->m_bPrint = bPrint || m_bAllPrint;
   record->m_bLog = bLog || m_bAllLog;

@@ -127,6 +127,7 @@ bool ToviDebugMgr::AppTrace(const std::string& subModule, ToviLogLevel level, co
           logDir, name, subModule, false, false, static_cast<unsigned>(m_nFiltLogBufSize),
           static_cast<unsigned>(m_nEachFileMaxSize), m_nEachProcessMaxZipNum);
       if (made == nullptr) return false;
+      made->SetForwarder(m_pSyslogForwarder);
       {
         ACE_Write_Guard<ACE_RW_Thread_Mutex> guard(m_WriterTableLock);
         if (guard.locked()) {
