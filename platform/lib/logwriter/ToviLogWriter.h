@@ -21,6 +21,8 @@
 //                          writer, files that cannot be created, drop counts
 //   ConsoleOutput.cpp      the bounded console output and its drop count
 //   LogFileNames.h         the shapes of the writer's file names
+//   SyslogMessage.cpp      a record as an RFC 5424 message
+//   SyslogForwarder.cpp    the process's one sender to a syslog collector
 //   ArchiveMaintenance.cpp MaintainArchives, GetLogFileType, RemoveOldZipFiles
 //   ArchiveThread.cpp      archiving a rolled-over file off the writer thread
 //   GzipArchive.cpp        CompressLogFile, GzipFile
