@@ -17,6 +17,9 @@
 #include "port/ToviPort.h"
 
 namespace {
+const std::string kTemporaryEnding = std::string(logfilenames::kPlainSuffix) +
+                                     logfilenames::kArchiveSuffix + logfilenames::kTemporarySuffix;
+
 enum FileKind { kTarGz = 0, kPlainLog = 1, kTar = 2, kCompressedLog = 3, kOther = 4 };
 
 bool EndsWith(const char* name, const char* suffix) {
@@ -80,8 +83,8 @@ void ToviLogWriter::MaintainArchives() {
   // died; one whose plain file is there is replaced when that file is
   // compressed.
   for (const std::string& name : temporaries) {
-    const std::size_t archived = name.size() - std::strlen(logfilenames::kArchiveSuffix) -
-                                 std::strlen(logfilenames::kTemporarySuffix);
+    const std::size_t archived = name.size() - sizeof logfilenames::kArchiveSuffix -
+                                 sizeof logfilenames::kTemporarySuffix + 2;
     if (!toviport::PathExists((m_strLogPath + name.substr(0, archived)).c_str())) {
       toviport::RemoveFile((m_strLogPath + name).c_str());
     }
@@ -93,7 +96,7 @@ bool ToviLogWriter::IsTemporaryArchive(const char* name) const {
   const std::size_t n = std::strlen(name);
   return n == m_strPrefix.size() + logfilenames::kLongestAddition &&
          std::strncmp(name, m_strPrefix.c_str(), m_strPrefix.size()) == 0 &&
-         EndsWith(name, ".log.gz.tmp");
+         EndsWith(name, kTemporaryEnding.c_str());
 }
 
 void ToviLogWriter::RemoveOldZipFiles() {

@@ -16,12 +16,10 @@ constexpr char kPlainSuffix[] = ".log";
 constexpr char kArchiveSuffix[] = ".gz";
 constexpr char kTemporarySuffix[] = ".tmp";
 
-constexpr std::size_t Length(const char* s) { return *s == '\0' ? 0 : 1 + Length(s + 1); }
-
 // The characters that the longest name adds to the prefix: a temporary
 // archive's.
 constexpr std::size_t kLongestAddition =
-    kTimeLength + Length(kPlainSuffix) + Length(kArchiveSuffix) + Length(kTemporarySuffix);
+    kTimeLength + sizeof kPlainSuffix + sizeof kArchiveSuffix + sizeof kTemporarySuffix - 3;
 static_assert(kLongestAddition == 26, "P + YYYYMMDD_HHMMSS.log.gz.tmp");
 
 }  // namespace logfilenames

@@ -6,7 +6,6 @@
 #include <cstring>
 #include <ctime>
 
-#include "logwriter/TimeStamp.h"
 #include "logwriter/ToviLogRecord.h"
 #include "port/ToviPort.h"
 

@@ -113,12 +113,6 @@ bool WriteAll(int fd, const char* data, std::size_t size, std::size_t& written) 
   return true;
 }
 
-int64_t OpenFileSize(int fd) {
-  struct stat st;
-  if (::fstat(fd, &st) != 0) return -1;
-  return static_cast<int64_t>(st.st_size);
-}
-
 void CloseFile(int fd) {
   if (fd >= 0) ::close(fd);
 }

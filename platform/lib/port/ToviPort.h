@@ -55,9 +55,6 @@ CreateResult CreateNewFile(const std::string& path, int& fd);
 // on the first failure (errno kept); written says how much got through.
 bool WriteAll(int fd, const char* data, std::size_t size, std::size_t& written);
 
-// The size of an open file, or -1 when it cannot be read.
-int64_t OpenFileSize(int fd);
-
 void CloseFile(int fd);
 
 // The advisory lock that a writer holds on its open log file, so that no
