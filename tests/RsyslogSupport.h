@@ -56,16 +56,12 @@ class Rsyslogd {
               "global(workDirectory=\"" + dir_.path() +
                   "\" parser.escapeControlCharactersOnReceive=\"on\")\n"
                   "module(load=\"imtcp\")\nmodule(load=\"imudp\")\n"
-                  "input(type=\"imtcp\" port=\"" +
-                  p +
-                  "\" address=\"127.0.0.1\")\n"
-                  "input(type=\"imudp\" port=\"" +
-                  p +
-                  "\" address=\"127.0.0.1\")\n"
+                  "input(type=\"imtcp\" port=\"" + p + "\" address=\"127.0.0.1\")\n"
+                  "input(type=\"imudp\" port=\"" + p + "\" address=\"127.0.0.1\")\n"
                   "template(name=\"f\" type=\"string\" string=\"%PRI%|%TIMESTAMP:::date-rfc3339%|"
                   "%HOSTNAME%|%APP-NAME%|%PROCID%|%MSGID%|%STRUCTURED-DATA%|%msg%\\n\")\n"
-                  "action(type=\"omfile\" file=\"" +
-                  (dir_ / "out") + "\" template=\"f\" flushOnTXEnd=\"on\" asyncWriting=\"off\")\n");
+                  "action(type=\"omfile\" file=\"" + (dir_ / "out") +
+                  "\" template=\"f\" flushOnTXEnd=\"on\" asyncWriting=\"off\")\n");
   }
   ~Rsyslogd() { Stop(); }
 
@@ -103,19 +99,15 @@ class Rsyslogd {
 
   // As in a crash: what it had not written out is lost.
   void Kill() { End(SIGKILL); }
-  void Stop() {
-    if (!End(SIGTERM)) Kill();
-  }
+  void Stop() { End(SIGTERM) || End(SIGKILL); }
 
   std::vector<SyslogMessage> Messages() const {
     std::vector<SyslogMessage> messages;
     for (std::string line : SplitLines(ReadFile(dir_ / "out"))) {
       SyslogMessage m;
-      for (std::string* field :
-           {&m.pri, &m.timestamp, &m.host, &m.app, &m.procid, &m.msgid, &m.sd}) {
-        const std::size_t bar = std::min(line.find('|'), line.size());
-        *field = line.substr(0, bar);
-        line.erase(0, bar + 1);
+      for (std::string* field : {&m.pri, &m.timestamp, &m.host, &m.app, &m.procid, &m.msgid, &m.sd}) {
+        *field = line.substr(0, line.find('|'));
+        line.erase(0, std::min(field->size() + 1, line.size()));
       }
       for (std::size_t at; (at = line.find("#012")) != std::string::npos;)
         line.replace(at, 4, "\n");

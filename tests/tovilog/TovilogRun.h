@@ -15,20 +15,18 @@
 
 #include <nlohmann/json.hpp>
 
-#include "TestSupport.h"
+#include "WriterTestSupport.h"
 
 extern char** environ;
 
 namespace tovitest {
 
-// A tovilog child whose standard output and error go to files.
 class TovilogChild {
 public:
-  explicit TovilogChild(const std::vector<std::string>& args) {
-    std::vector<std::string> all{TOVILOG_PATH};
-    all.insert(all.end(), args.begin(), args.end());
+  explicit TovilogChild(std::vector<std::string> args) {
+    args.insert(args.begin(), TOVILOG_PATH);
     std::vector<char*> argv;
-    for (std::string& arg : all) argv.push_back(arg.data());
+    for (std::string& arg : args) argv.push_back(arg.data());
     argv.push_back(nullptr);
     posix_spawn_file_actions_t files;
     posix_spawn_file_actions_init(&files);
@@ -37,21 +35,14 @@ public:
     if (posix_spawn(&pid_, TOVILOG_PATH, &files, nullptr, argv.data(), environ) != 0) pid_ = -1;
     posix_spawn_file_actions_destroy(&files);
   }
-  ~TovilogChild() {
-    if (pid_ > 0) Wait(std::chrono::seconds(0));
-  }
+  ~TovilogChild() { Wait(std::chrono::seconds(0)); }
 
   // The exit status; -1 when the child had to be killed after `bound`.
   int Wait(std::chrono::seconds bound = std::chrono::seconds(120)) {
     const auto end = std::chrono::steady_clock::now() + bound;
     int status = 0;
     while (pid_ > 0 && ::waitpid(pid_, &status, WNOHANG) == 0) {
-      if (std::chrono::steady_clock::now() > end) {
-        ::kill(pid_, SIGKILL);
-        ::waitpid(pid_, &status, 0);
-        pid_ = -1;
-        return -1;
-      }
+      if (std::chrono::steady_clock::now() > end) ::kill(pid_, SIGKILL);
       std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
     pid_ = -1;
@@ -68,8 +59,7 @@ private:
 
 struct Result {
   int status;
-  std::string out;
-  std::string err;
+  std::string out, err;
 };
 
 inline Result RunTovilog(const std::vector<std::string>& args) {
@@ -81,10 +71,7 @@ inline Result RunTovilog(const std::vector<std::string>& args) {
 // The JSON objects of --json output, one per line.
 inline std::vector<nlohmann::json> JsonLines(const std::string& out) {
   std::vector<nlohmann::json> objects;
-  for (std::size_t start = 0, end; (end = out.find('\n', start)) != std::string::npos;
-       start = end + 1) {
-    objects.push_back(nlohmann::json::parse(out.substr(start, end - start)));
-  }
+  for (const std::string& line : SplitLines(out)) objects.push_back(nlohmann::json::parse(line));
   return objects;
 }
 
