@@ -94,8 +94,8 @@ TEST(DebugMgr, LifecycleAndRegistry) {
   EXPECT_TRUE(mgr->Init("other_", inst.root / "other.cfg", inst.logs / "never", "", false, false));
   EXPECT_EQ(MasksOf(mgr, "debug"), Masks(Bits({0}), Bits({1})));
 
-  EXPECT_TRUE(mgr->RegSubModuleInfo("NEW", Bits({0}), Bits({1}), false));
-  EXPECT_FALSE(mgr->RegSubModuleInfo("", Bits({0}), Bits({1}), false));
+  EXPECT_TRUE(mgr->RegSubModuleInfo("NEW", Bits({0}), Bits({1}), false) &&
+              !mgr->RegSubModuleInfo("", Bits({0}), Bits({1}), false));
   // A new name takes a copy of the masks of "debug", which a later change of
   // "debug" (named by the empty name) leaves alone.
   EXPECT_TRUE(mgr->RegSubModuleInfo("COPY", Bits({7}), Bits({7}), true));
@@ -149,15 +149,13 @@ TEST(DebugMgr, EngineOwnershipAndDispatch) {
   ToviDebugMgr* mgr = ToviDebugMgr::Instance();
   RecordingEngine *a = new RecordingEngine, *b = new RecordingEngine;
   // Only the registered engine can be unregistered.
-  EXPECT_FALSE(mgr->RegDebugEngine(nullptr));
-  ASSERT_TRUE(mgr->RegDebugEngine(a));
+  ASSERT_TRUE(!mgr->RegDebugEngine(nullptr) && mgr->RegDebugEngine(a));
   EXPECT_FALSE(mgr->UnRegDebugEngine(b) || mgr->UnRegDebugEngine(nullptr));
   EXPECT_FALSE(mgr->Trace("debug", LEVEL_ASSERT, "early", nullptr, false, true));
   EXPECT_TRUE(a->calls.empty());
   // A replaced engine goes back to its creator.
   ASSERT_TRUE(mgr->RegDebugEngine(b));
-  EXPECT_EQ(mgr->GetDebugEngine(), b);
-  EXPECT_EQ(RecordingEngine::destroyed, 0);
+  EXPECT_TRUE(mgr->GetDebugEngine() == b && RecordingEngine::destroyed == 0);
   delete a;
 
   // Once initialised, trace-off included, the engine takes every call as it
@@ -171,14 +169,12 @@ TEST(DebugMgr, EngineOwnershipAndDispatch) {
   EXPECT_TRUE(mgr->AppTrace("S", static_cast<ToviLogLevel>(-1), "t", nullptr, false, true, "a/b"));
   EXPECT_EQ(CountingAsn::Clones().load(), clones);
   EXPECT_EQ(b->calls, (std::vector<std::string>{"nobody|0|(null)|asn|P|-", "S|-1|t||L|a/b"}));
-  EXPECT_TRUE(mgr->UnRegDebugEngine(b));
-  EXPECT_EQ(RecordingEngine::destroyed, 2);
+  EXPECT_TRUE(mgr->UnRegDebugEngine(b) && RecordingEngine::destroyed == 2);
 
   // A registered engine goes with the manager; trace-off made no writer.
   ASSERT_TRUE(mgr->RegDebugEngine(new RecordingEngine));
   ToviDebugMgr::Destroy();
-  EXPECT_EQ(RecordingEngine::destroyed, 3);
-  EXPECT_TRUE(ListDir(inst.logs.path()).empty());
+  EXPECT_TRUE(RecordingEngine::destroyed == 3 && ListDir(inst.logs.path()).empty());
 }
 
 // Threads trace through engines that are swapped out under them, then

@@ -109,7 +109,6 @@ TEST(LogArchive, StartCompressesTheNewestTrimsTheOldestAndTouchesNothingElse) {
   std::map<std::string, std::string> expected = Snapshot(dir.path());
 
   const std::string own = RunWriter(dir.path(), LogName(now + 4));
-  ASSERT_FALSE(own.empty());
 
   // Of fourteen compressed files the four oldest went. The run's own file
   // stays plain: nothing is compressed at stop.
@@ -117,8 +116,7 @@ TEST(LogArchive, StartCompressesTheNewestTrimsTheOldestAndTouchesNothingElse) {
   expected.erase(newest);
   for (int i = 0; i < 4; ++i) expected.erase(gz[i]);
   std::map<std::string, std::string> after = Snapshot(dir.path());
-  EXPECT_EQ(after.erase(newest + ".gz"), 1u);
-  EXPECT_EQ(after.erase(own), 1u);
+  EXPECT_EQ(after.erase(newest + ".gz") + after.erase(own), 2u);
   EXPECT_EQ(after, expected);
 }
 
@@ -128,7 +126,6 @@ TEST(LogArchive, FailedCompressionLeavesThePlainLogAndNoTarget) {
   fs::create_directory(dir / "app_20240102_000000.log.gz");
   const std::map<std::string, std::string> before = Snapshot(dir.path());
   const std::string own = RunWriter(dir.path(), "app_20240102_000000.log");
-  ASSERT_FALSE(own.empty());
   std::map<std::string, std::string> after = Snapshot(dir.path());
   EXPECT_EQ(after.erase(own), 1u);
   EXPECT_EQ(after, before);
@@ -140,9 +137,9 @@ TEST(LogArchive, FailedCompressionLeavesThePlainLogAndNoTarget) {
     std::string source(size, '\0');
     for (std::size_t i = 0; i < size; ++i) source[i] = static_cast<char>(i * 7919 % 251);
     WriteFile(dir / "source.log", source);
-    EXPECT_EQ(Gzip(dir / "source.log", dir / "copy.gz"), 0) << size;
-    EXPECT_EQ(ReadGz(dir / "copy.gz"), source) << size;
-    EXPECT_EQ(ReadFile(dir / "source.log"), source) << size;
+    EXPECT_TRUE(Gzip(dir / "source.log", dir / "copy.gz") == 0 && ReadGz(dir / "copy.gz") == source &&
+                ReadFile(dir / "source.log") == source)
+        << size;
   }
 
   // A directory opens for reading and fails only at the first read, by which

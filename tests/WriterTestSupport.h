@@ -31,9 +31,8 @@ namespace tovitest {
 inline std::vector<std::string> ListDir(const std::string& dir) {
   std::vector<std::string> names;
   std::error_code ec;
-  for (const auto& entry : std::filesystem::directory_iterator(dir, ec)) {
+  for (const auto& entry : std::filesystem::directory_iterator(dir, ec))
     names.push_back(entry.path().filename().string());
-  }
   std::sort(names.begin(), names.end());
   return names;
 }
@@ -45,10 +44,8 @@ inline bool EndsWith(const std::string& s, const std::string& suffix) {
 // How many times needle occurs in text, without overlaps.
 inline std::size_t Occurrences(const std::string& text, const std::string& needle) {
   std::size_t n = 0;
-  for (std::size_t at = text.find(needle); at != std::string::npos;
-       at = text.find(needle, at + needle.size())) {
-    ++n;
-  }
+  for (std::size_t at = text.find(needle); at != std::string::npos; ++n)
+    at = text.find(needle, at + needle.size());
   return n;
 }
 
@@ -75,9 +72,8 @@ inline std::vector<std::string> RecordTexts(const std::string& log) {
   std::vector<std::string> texts;
   for (const std::string& line : SplitLines(log)) {
     const std::size_t blank = line.find(' ', 17);
-    if (blank != std::string::npos && line.compare(15, 2, ".T") == 0) {
+    if (blank != std::string::npos && line.compare(15, 2, ".T") == 0)
       texts.push_back(line.substr(blank + 1));
-    }
   }
   return texts;
 }
@@ -85,10 +81,8 @@ inline std::vector<std::string> RecordTexts(const std::string& log) {
 // The text of the single plain log file (".log") in dir; a marker naming how
 // many there are otherwise.
 inline std::string OnlyLog(const std::string& dir) {
-  std::vector<std::string> logs = ListDir(dir);
-  logs.erase(std::remove_if(logs.begin(), logs.end(),
-                            [](const std::string& name) { return !EndsWith(name, ".log"); }),
-             logs.end());
+  std::vector<std::string> logs;
+  for (const std::string& name : ListDir(dir)) if (EndsWith(name, ".log")) logs.push_back(name);
   return logs.size() == 1 ? ReadFile(dir + "/" + logs[0])
                           : "<" + std::to_string(logs.size()) + " log files>";
 }
@@ -100,8 +94,7 @@ inline std::string ReadGz(const std::string& path) {
   if (in == nullptr) return "<unreadable>";
   std::string out;
   char buf[65536];
-  int n;
-  while ((n = gzread(in, buf, sizeof buf)) > 0) out.append(buf, static_cast<std::size_t>(n));
+  for (int n; (n = gzread(in, buf, sizeof buf)) > 0;) out.append(buf, static_cast<std::size_t>(n));
   gzclose(in);
   return out;
 }
@@ -144,10 +137,7 @@ public:
     ::close(fd);
   }
   ~StdoutCapture() { Restore(); }
-  std::string Text() {
-    std::fflush(stdout);
-    return ReadFile(path_);
-  }
+  std::string Text() { return std::fflush(stdout), ReadFile(path_); }
   // Puts standard output back; returns what was printed.
   std::string Restore() {
     const std::string text = Text();
@@ -172,10 +162,7 @@ public:
   explicit CountingAsn(std::string text) : text_(std::move(text)) { ++Live(); }
   CountingAsn(const CountingAsn& other) : AsnType(other), text_(other.text_) { ++Live(); }
   ~CountingAsn() override { --Live(); }
-  AsnType* Clone() const override {
-    ++Clones();
-    return new CountingAsn(*this);
-  }
+  AsnType* Clone() const override { return ++Clones(), new CountingAsn(*this); }
   void Print(std::ostream& os) const override { os << text_; }
 
   static std::atomic<int>& Live() { static std::atomic<int> live{0}; return live; }
