@@ -13,37 +13,22 @@
 #include <cstdint>
 #include <map>
 #include <string>
-#include <utility>
 
 #include <ace/RW_Thread_Mutex.h>
 #include <ace/Recursive_Thread_Mutex.h>
 #include <ace/Thread_Mutex.h>
 
 #include "ToviExport.h"
+#include "ToviLogLevel.h"
 
 class AsnType;
 class ToviDebugEngine;
 class ToviInterString;
 class ToviLogWriter;
+struct LogWriterOptions;
 class SubModuleIndex;
 class SubModuleInfo;
 class SyslogForwarder;
-
-// The level of a message, and the number of its bit in a level mask. Levels 4
-// to 31 are accepted and carry no name; the fixed underlying type keeps every
-// one of them a valid value.
-enum ToviLogLevel : int32_t {
-  LEVEL_ASSERT = 0,
-  LEVEL_ERROR = 1,
-  LEVEL_WARN = 2,
-  LEVEL_INFO = 3
-};
-
-// One output of a message, and the number of its bit in an output mask.
-enum ToviOutputDirection : int32_t {
-  OUTPUT_CONSOLE = 0,
-  OUTPUT_FILE = 1
-};
 
 class TOVI_EXPORT ToviDebugMgr {
 public:
@@ -67,7 +52,7 @@ public:
                         std::bitset<32>& output);
   bool SetLogLevel(const std::string& name, ToviLogLevel level, bool on);
   bool SetLogOutput(const std::string& name, ToviOutputDirection direction, bool on);
-  bool GetAllModuleInfo(std::map<std::string, std::pair<std::bitset<32>, std::bitset<32>>>& items);
+  bool GetAllModuleInfo(ToviModuleMasks& items);
   bool SetAllModuleInfo(const std::bitset<32>& level, const std::bitset<32>& output,
                         bool bUseDebugDefault);
 
@@ -98,12 +83,15 @@ private:
   void GetCfgItem(const std::string& strDebugCfgFile, int& nFiltLogBufSize, int& nMaxFileNum,
                   int& nEachFileMaxSize, int& nEachProcessMaxZipNum,
                   int& nZipFileIncludeFileNum,
-                  std::map<std::string, std::pair<std::bitset<32>, std::bitset<32>>>& items);
+                  ToviModuleMasks& items);
   bool RegSubModuleInfo_i(const std::string& name, const std::bitset<32>& level,
                           const std::bitset<32>& output, bool bUseDebugDefault);
   bool GetSubModuleInfo_i(const std::string& name, std::bitset<32>& level,
                           std::bitset<32>& output);
   std::string DefSubModuleName();
+  // What every writer of this manager is built with.
+  LogWriterOptions WriterOptions(const std::string& dir, const std::string& prefix,
+                                 const std::string& header) const;
   // Starts forwarding as the configuration asks, or says in the main log
   // file why it stays off.
   void StartSyslogForwarding(ToviLogWriter* mainWriter);

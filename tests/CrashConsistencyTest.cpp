@@ -17,7 +17,7 @@
 #include "ToviDebugMgr.h"
 #include "WriterTestSupport.h"
 #include "logwriter/RecordBlock.h"
-#include "logwriter/ToviLogWriter.h"
+#include "DirectWriter.h"
 
 using namespace tovitest;
 
@@ -86,7 +86,7 @@ TEST(CrashConsistency, KilledMidRunLeavesWholeFilesAndGapFreePrefixes) {
     for (const std::string& name : ListDir(dir.path())) duringCompression += EndsWith(name, ".tmp");
 
     // The next start finishes what the kill interrupted.
-    { ToviLogWriter next(dir.path(), "crash", "", false, false, 10, 1u << 20, 50); }
+    { ToviLogWriter next(WriterOptions(dir.path(), "crash", "", 10, 1u << 20, 50)); }
 
     std::vector<std::vector<int>> seen(kThreads);
     for (const std::string& name : ListDir(dir.path())) {

@@ -10,7 +10,7 @@
 #include <utility>
 
 #include "WriterTestSupport.h"
-#include "logwriter/ToviLogWriter.h"
+#include "DirectWriter.h"
 
 namespace fs = std::filesystem;
 using namespace tovitest;
@@ -63,7 +63,7 @@ std::string WaitForLogAfter(const std::string& dir, const std::string& prefix,
 // first that sorts after `after`, shows up; returns that file's name, empty
 // when none does.
 std::string RunWriter(const std::string& dir, const std::string& after) {
-  ToviLogWriter writer(dir, "app_", "", false, false, 100, 1u << 20, 10);
+  ToviLogWriter writer(WriterOptions(dir, "app_", "", 100, 1u << 20, 10));
   return WaitForLogAfter(dir, "app_", after);
 }
 
@@ -73,9 +73,9 @@ std::string OddBytes(const std::string& tag) {
          std::string(3000, 'x') + "\nno final line end";
 }
 
-int Gzip(const std::string& source, const std::string& target) {
+bool Gzip(const std::string& source, const std::string& target) {
   const int fd = ::open(source.c_str(), O_RDONLY);
-  const int result = ToviLogWriter::GzipFile(fd, target);
+  const bool result = LogArchive::GzipFile(fd, target);
   if (fd >= 0) ::close(fd);
   return result;
 }
@@ -137,7 +137,7 @@ TEST(LogArchive, FailedCompressionLeavesThePlainLogAndNoTarget) {
     std::string source(size, '\0');
     for (std::size_t i = 0; i < size; ++i) source[i] = static_cast<char>(i * 7919 % 251);
     WriteFile(dir / "source.log", source);
-    EXPECT_TRUE(Gzip(dir / "source.log", dir / "copy.gz") == 0 && ReadGz(dir / "copy.gz") == source &&
+    EXPECT_TRUE(Gzip(dir / "source.log", dir / "copy.gz") && ReadGz(dir / "copy.gz") == source &&
                 ReadFile(dir / "source.log") == source)
         << size;
   }
@@ -150,7 +150,7 @@ TEST(LogArchive, FailedCompressionLeavesThePlainLogAndNoTarget) {
   for (const auto& [source, target] : std::vector<std::pair<std::string, std::string>>{
            {"missing.log", "missing.log.gz"}, {"folder.log", "folder.log.gz"},
            {"source.log", "no/such/dir/copy.gz"}, {"source.log", "taken.gz"}}) {
-    EXPECT_EQ(Gzip(dir / source, dir / target), -1) << target;
+    EXPECT_FALSE(Gzip(dir / source, dir / target)) << target;
   }
   EXPECT_EQ(Snapshot(dir.path()), untouched);
 }
@@ -179,7 +179,7 @@ TEST(LogArchive, FirstFileOfTheRunIsSparedAndCountsTowardTheLimit) {
     }
     // Every record with file output rolls the file over.
     auto writer =
-        std::make_unique<ToviLogWriter>(dir.path(), c.prefix, "", false, false, 100, 1, c.limit);
+        std::make_unique<ToviLogWriter>(WriterOptions(dir.path(), c.prefix, "", 100, 1, c.limit));
     std::vector<std::string> plain{""};
     for (std::size_t step = 0; step < c.steps.size(); ++step) {
       if (step > 0) {
@@ -206,7 +206,7 @@ TEST(LogArchive, ALiveFileIsNeverTakenAndACrashedCompressionIsFinishedOnce) {
   TempDir dir;
   // Two instances of one service: the second one's start must leave the
   // first one's open file alone.
-  auto first = std::make_unique<ToviLogWriter>(dir.path(), "app_", "", false, false, 100, 1u << 20, 10);
+  auto first = std::make_unique<ToviLogWriter>(WriterOptions(dir.path(), "app_", "", 100, 1u << 20, 10));
   const std::string firstFile = WaitForLogAfter(dir.path(), "app_", "");
   ASSERT_FALSE(firstFile.empty());
   ASSERT_FALSE(RunWriter(dir.path(), firstFile).empty());

@@ -9,7 +9,7 @@
 
 #include "ToviBaseUtil.h"
 #include "WriterTestSupport.h"
-#include "logwriter/ToviLogWriter.h"
+#include "DirectWriter.h"
 #include "port/ToviPort.h"
 
 using namespace tovitest;
@@ -40,7 +40,7 @@ TEST(LogFileFormat, FirstFileFromCreationToClose) {
   const int live = CountingAsn::Live(), clones = CountingAsn::Clones();
   StdoutCapture out;
   {
-    ToviLogWriter writer(logs, "p", "build 7", false, false, 10, 1048576, 10);
+    ToviLogWriter writer(WriterOptions(logs, "p", "build 7", 10, 1048576, 10));
     auto asn = std::make_unique<CountingAsn>("VALUE{1}");
     const CountingAsn kept("KEPT");
     EXPECT_TRUE(writer.AddLog("MRB", LEVEL_INFO, "abc", nullptr, false, true));
@@ -115,7 +115,7 @@ TEST(LogFileFormat, RollOverAfterTheRecordThatCrossesTheLimit) {
   constexpr unsigned kLimit = 1048576;
   const std::string payload(1000, 'r');
   {
-    ToviLogWriter writer(logs, "roll_", "hdr\n", false, false, 10, kLimit, 50);
+    ToviLogWriter writer(WriterOptions(logs, "roll_", "hdr\n", 10, kLimit, 50));
     for (int i = 0; i < 1500; ++i) {
       ASSERT_TRUE(writer.AddLog("S", LEVEL_INFO, (std::to_string(i) + payload).c_str(), nullptr,
                                 false, true));
@@ -166,12 +166,12 @@ int LocaleChild(const char* locale, bool expectUtf8) {
   // writer handles gets the date line, a later one in another writer's file
   // on the same day does not.
   {
-    ToviLogWriter a(dir / "a", "a", "", false, false, 10, 1048576, 10);
+    ToviLogWriter a(WriterOptions(dir / "a", "a", "", 10, 1048576, 10));
     a.AddLog("S", LEVEL_INFO, "first", nullptr, false, true);
     a.AddLog("S", LEVEL_INFO, "second", nullptr, false, true);
   }
   {
-    ToviLogWriter b(dir / "b", "b", "", false, false, 10, 1048576, 10);
+    ToviLogWriter b(WriterOptions(dir / "b", "b", "", 10, 1048576, 10));
     b.AddLog("S", LEVEL_INFO, "third", nullptr, false, true);
   }
   const std::string a = OnlyLog(dir / "a"), b = OnlyLog(dir / "b");

@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "WriterTestSupport.h"
-#include "logwriter/ToviLogWriter.h"
+#include "DirectWriter.h"
 
 using namespace tovitest;
 
@@ -18,7 +18,7 @@ TEST(LogNoLoss, EveryRecordOnceInOrderAcrossRolledFiles) {
   constexpr int kThreads = 8, kPerThread = 20000;
   TempDir dir;
   {
-    ToviLogWriter writer(dir.path(), "noloss_", "", false, false, 100, 1048576, 1000);
+    ToviLogWriter writer(WriterOptions(dir.path(), "noloss_", "", 100, 1048576, 1000));
     std::vector<std::thread> threads;
     for (int t = 0; t < kThreads; ++t) {
       threads.emplace_back([&, t] {

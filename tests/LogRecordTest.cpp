@@ -8,7 +8,7 @@
 
 #include "WriterTestSupport.h"
 #include "logwriter/TimeStamp.h"
-#include "logwriter/ToviLogWriter.h"
+#include "DirectWriter.h"
 #include "port/ToviPort.h"
 
 using namespace tovitest;
@@ -19,7 +19,7 @@ TEST(LogRecord, AssertionBringsOutTheHeldBackRecords) {
   uint32_t producer = 0;
   StdoutCapture out;
   {
-    ToviLogWriter writer(dir.path(), "held", "", false, false, kHeld, 1048576, 10);
+    ToviLogWriter writer(WriterOptions(dir.path(), "held", "", kHeld, 1048576, 10));
     ASSERT_TRUE(writer.AddLog("M", LEVEL_INFO, "before", nullptr, false, true));
     // N+5 filtered records from another thread: the last N are kept.
     std::thread([&] {
@@ -54,7 +54,7 @@ TEST(LogRecord, AssertionBringsOutTheHeldBackRecords) {
   // A writer that keeps nothing accepts filtered records and drops them.
   TempDir none;
   {
-    ToviLogWriter writer(none.path(), "none", "", false, false, 0, 1048576, 10);
+    ToviLogWriter writer(WriterOptions(none.path(), "none", "", 0, 1048576, 10));
     EXPECT_TRUE(writer.AddLog("M", LEVEL_WARN, "gone", nullptr, false, false));
     EXPECT_EQ(writer.DiscardQueueCount(), 0u);
     EXPECT_TRUE(writer.AddLog("M", LEVEL_ASSERT, "boom", nullptr, false, true));

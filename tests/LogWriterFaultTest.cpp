@@ -16,7 +16,7 @@
 
 #include "WriterTestSupport.h"
 #include "logwriter/RecordBlock.h"
-#include "logwriter/ToviLogWriter.h"
+#include "DirectWriter.h"
 
 using namespace tovitest;
 
@@ -76,7 +76,7 @@ int WriteUnderAFileSizeLimit(rlim_t bytes) {
   std::vector<std::string> want;
   bool ok = true;
   {
-    ToviLogWriter writer(dir.path(), "disk", "header\n", false, false, 10, 1u << 30, 100);
+    ToviLogWriter writer(WriterOptions(dir.path(), "disk", "header\n", 10, 1u << 30, 100));
     for (int i = 0; i < 2000; ++i) {
       want.push_back(std::to_string(i) + pad);
       ok = Log(writer, want.back()) && ok;
@@ -112,7 +112,7 @@ TEST(LogWriterFault, UnreachableDirectoryRefusesWhenFullAndStopsPromptly) {
   const int live = CountingAsn::Live();
   std::vector<ToviLogWriter*> writers;
   for (const auto& [path, prefix] : places) {
-    writers.push_back(new ToviLogWriter(path, prefix, "header\n", false, false, 10, 1u << 30, 10));
+    writers.push_back(new ToviLogWriter(WriterOptions(path, prefix, "header\n", 10, 1u << 30, 10)));
   }
   std::vector<std::string> want;
   for (int i = 0; i < 100; ++i) {
@@ -170,7 +170,7 @@ TEST(LogWriterFault, AStalledConsoleHoldsNeitherTheFileNorTheStop) {
   ::dup2(pipeFds[1], 1);
   ::close(pipeFds[1]);
 
-  auto* writer = new ToviLogWriter(dir.path(), "stall", "", false, false, 0, 1u << 30, 10);
+  auto* writer = new ToviLogWriter(WriterOptions(dir.path(), "stall", "", 0, 1u << 30, 10));
   std::vector<std::string> want(50000);
   bool accepted = true;
   for (std::size_t i = 0; i < want.size(); ++i) {
@@ -205,7 +205,7 @@ TEST(LogWriterFault, AStalledConsoleHoldsNeitherTheFileNorTheStop) {
 TEST(LogWriterFault, RemovedDirectoryIsNoticedRecreatedAndCounted) {
   TempDir dir;
   const std::string logDir = dir / "a/logs/";
-  auto* writer = new ToviLogWriter(logDir, "rm", "", false, false, 0, 1u << 30, 10);
+  auto* writer = new ToviLogWriter(WriterOptions(logDir, "rm", "", 0, 1u << 30, 10));
   EXPECT_TRUE(Log(*writer, "before"));
   ASSERT_TRUE(WaitUntil([&] { return Occurrences(OnlyLog(logDir), kTag + "before\n") == 1; }));
   std::filesystem::remove_all(dir / "a");

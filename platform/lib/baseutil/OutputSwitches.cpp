@@ -11,7 +11,6 @@
 #include "ToviBaseUtil.h"
 #include "baseutil/OutputSwitches.h"
 #include "port/ToviPort.h"
-#include "trace/OutputTraceString.h"
 
 namespace {
 constexpr std::size_t kFormatBufSize = 2048;
@@ -20,6 +19,7 @@ constexpr std::size_t kMaxFormatted = 2046;
 std::atomic<int> g_enablePrint{0};
 std::atomic<int> g_enableLog{1};
 std::atomic<bool> g_switchesLoaded{false};
+std::atomic<LibraryMessageSink> g_sink{nullptr};
 
 void LoadSwitch(const char* key, std::atomic<int>& value, const std::string& file) {
   int number = 0;
@@ -28,9 +28,14 @@ void LoadSwitch(const char* key, std::atomic<int>& value, const std::string& fil
 
 void Output(const char* text) {
   LoadOutputSwitches();
-  OutputTraceString(text, g_enablePrint.load() != 0, g_enableLog.load() != 0);
+  const LibraryMessageSink sink = g_sink.load(std::memory_order_acquire);
+  if (sink != nullptr) sink(text, g_enablePrint.load() != 0, g_enableLog.load() != 0);
 }
 }  // namespace
+
+void SetLibraryMessageSink(LibraryMessageSink sink) {
+  g_sink.store(sink, std::memory_order_release);
+}
 
 void LoadOutputSwitches() {
   if (g_switchesLoaded.load(std::memory_order_acquire)) return;

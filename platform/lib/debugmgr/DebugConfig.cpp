@@ -22,7 +22,6 @@ const char kLevelDefault[] = "1100";
 const char kDebugOutputDefault[] = "0100";
 const char kOutputDefault[] = "1100";
 
-typedef std::map<std::string, std::pair<std::bitset<32>, std::bitset<32>>> MaskMap;
 
 std::bitset<32> MaskOr(const std::string& text, const char* fallback) {
   std::bitset<32> mask;
@@ -87,7 +86,7 @@ bool ParseBitString(const std::string& text, std::bitset<32>& mask) {
 
 void ToviDebugMgr::GetCfgItem(const std::string& strDebugCfgFile, int& nFiltLogBufSize,
                               int& nMaxFileNum, int& nEachFileMaxSize, int& nEachProcessMaxZipNum,
-                              int& nZipFileIncludeFileNum, MaskMap& items) {
+                              int& nZipFileIncludeFileNum, ToviModuleMasks& items) {
   std::string file = strDebugCfgFile;
   const bool missing = !file.empty() && !toviport::PathExists(file.c_str());
   const std::string defaultDebugFile = ToviGetDefaultDebugCfgFile();

@@ -70,7 +70,7 @@ bool ToviDebugMgr::Init(const std::string& strName, const std::string& strDebugC
   int fileSize = 0;
   int zipNum = 0;
   int zipInclude = 0;
-  std::map<std::string, std::pair<std::bitset<32>, std::bitset<32>>> modules;
+  ToviModuleMasks modules;
   GetCfgItem(strDebugCfgFile, filt, maxFiles, fileSize, zipNum, zipInclude, modules);
 
   zipNum = Clamp(zipNum, kEachProcessMaxZipNum);
@@ -92,10 +92,8 @@ bool ToviDebugMgr::Init(const std::string& strName, const std::string& strDebugC
   }
   if (!InitNameUsable(logDir, strName)) return false;
 
-  ToviLogWriter* writer = new (std::nothrow)
-      ToviLogWriter(logDir, strName, strHeader, false, false,
-                    static_cast<unsigned>(m_nFiltLogBufSize),
-                    static_cast<unsigned>(m_nEachFileMaxSize), m_nEachProcessMaxZipNum);
+  ToviLogWriter* writer =
+      new (std::nothrow) ToviLogWriter(WriterOptions(logDir, strName, strHeader));
   if (writer == nullptr) return false;
   {
     ACE_Write_Guard<ACE_RW_Thread_Mutex> tableGuard(m_WriterTableLock);
@@ -109,4 +107,16 @@ bool ToviDebugMgr::Init(const std::string& strName, const std::string& strDebugC
   StartSyslogForwarding(writer);
   m_bInit.store(true, std::memory_order_release);
   return true;
+}
+
+LogWriterOptions ToviDebugMgr::WriterOptions(const std::string& dir, const std::string& prefix,
+                                             const std::string& header) const {
+  LogWriterOptions options;
+  options.logPath = dir;
+  options.prefix = prefix;
+  options.header = header;
+  options.heldBackRecords = static_cast<unsigned>(m_nFiltLogBufSize);
+  options.maxFileBytes = static_cast<unsigned>(m_nEachFileMaxSize);
+  options.archivesKept = m_nEachProcessMaxZipNum;
+  return options;
 }

@@ -125,7 +125,7 @@ bool ToviDebugMgr::SetLogOutput(const std::string& name, ToviOutputDirection dir
 }
 
 bool ToviDebugMgr::GetAllModuleInfo(
-    std::map<std::string, std::pair<std::bitset<32>, std::bitset<32>>>& items) {
+    ToviModuleMasks& items) {
   const callgate::Pass pass(this);
   if (!pass) return false;
   ACE_Read_Guard<ACE_RW_Thread_Mutex> guard(m_RegistryLock);

@@ -1,15 +1,10 @@
 // ConsoleOutput.cpp - the writer thread's console records.
-//
-// The console is whatever the process's standard output is: a terminal, a
-// file, or a pipe that nobody may be reading. A writer that blocked on it
-// would stop writing the file and could never be stopped, so the console
-// gets a bounded wait per batch, none at all while it is known to be stuck,
-// and what it did not take is dropped and counted in the log file.
+#include "logwriter/ConsoleOutput.h"
+
 #include <algorithm>
+#include <cstdio>
 
-#include <ace/OS_NS_stdio.h>
-
-#include "logwriter/ToviLogWriter.h"
+#include "logwriter/LogFileSet.h"
 #include "port/ToviPort.h"
 
 namespace {
@@ -17,26 +12,39 @@ namespace {
 constexpr unsigned kConsoleWaitMs = 200;
 }  // namespace
 
-void ToviLogWriter::FlushConsoleBatch() {
-  if (m_ConsoleBatch.empty()) return;
-  const std::size_t taken = toviport::ConsoleWrite(m_ConsoleBatch.data(), m_ConsoleBatch.size(),
-                                                   m_bConsoleStalled ? 0 : kConsoleWaitMs);
-  const bool stalled = taken < m_ConsoleBatch.size();
-  // Records that did not reach the console whole count as not shown.
-  const auto shown = std::upper_bound(m_ConsoleRecordEnds.begin(), m_ConsoleRecordEnds.end(), taken);
-  m_nConsoleDropped += static_cast<uint64_t>(m_ConsoleRecordEnds.end() - shown);
-  m_ConsoleBatch.clear();
-  m_ConsoleRecordEnds.clear();
-  m_bConsoleStalled = stalled;
-  if (!stalled) ReportConsoleDrops();
+bool ConsoleOutput::Add(const char* head, std::size_t headLen, const char* text,
+                        std::size_t textLen, bool lineEnd, const std::string& asn) {
+  try {
+    m_batch.append(head, headLen).append(text, textLen);
+    if (lineEnd) m_batch += '\n';
+    m_batch += asn;
+    m_recordEnds.push_back(m_batch.size());
+  } catch (...) {
+    return false;
+  }
+  return true;
 }
 
-void ToviLogWriter::ReportConsoleDrops() {
-  if (m_nConsoleDropped == 0) return;
+void ConsoleOutput::Flush(LogFileSet& files) {
+  if (m_batch.empty()) return;
+  const std::size_t taken =
+      toviport::ConsoleWrite(m_batch.data(), m_batch.size(), m_stalled ? 0 : kConsoleWaitMs);
+  const bool stalled = taken < m_batch.size();
+  // Records that did not reach the console whole count as not shown.
+  const auto shown = std::upper_bound(m_recordEnds.begin(), m_recordEnds.end(), taken);
+  m_dropped += static_cast<uint64_t>(m_recordEnds.end() - shown);
+  m_batch.clear();
+  m_recordEnds.clear();
+  m_stalled = stalled;
+  if (!stalled) ReportDrops(files);
+}
+
+void ConsoleOutput::ReportDrops(LogFileSet& files) {
+  if (m_dropped == 0) return;
   char line[160];
-  ACE_OS::snprintf(line, sizeof line,
-                   "%llu record(s) not shown on the console: it did not take them in time\n",
-                   static_cast<unsigned long long>(m_nConsoleDropped));
-  WriteString(line);
-  m_nConsoleDropped = 0;
+  std::snprintf(line, sizeof line,
+                "%llu record(s) not shown on the console: it did not take them in time\n",
+                static_cast<unsigned long long>(m_dropped));
+  files.WriteText(line);
+  m_dropped = 0;
 }

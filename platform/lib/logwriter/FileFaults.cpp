@@ -9,12 +9,13 @@
 // within about a second and replaced, with a line counting what may have
 // gone into it; and whatever had to be dropped meanwhile is counted in the
 // next file. While no file can be had, producers stop waiting for room after
-// about a second (see RecordQueue.cpp).
+// about a second (see RecordQueue.h).
 #include <cerrno>
+#include <cstdio>
 
-#include <ace/OS_NS_stdio.h>
-
-#include "logwriter/ToviLogWriter.h"
+#include "logwriter/LogArchive.h"
+#include "logwriter/LogFileSet.h"
+#include "logwriter/RecordQueue.h"
 #include "port/ToviPort.h"
 
 namespace {
@@ -25,87 +26,87 @@ constexpr unsigned kRetryMs = 1000;
 constexpr int64_t kLinkCheckMs = 500;
 }  // namespace
 
-bool ToviLogWriter::CreateLogFileUntilStopped() {
-  while (!CreateLogFile()) {
-    m_bNoFile.store(true, std::memory_order_release);
+bool LogFileSet::OpenUntilStopped() {
+  while (!Create()) {
+    m_queue.SetWriterStalled(true);
     if (!SleepUnlessStopped(kRetryMs)) return false;
   }
-  m_bNoFile.store(false, std::memory_order_release);
+  m_queue.SetWriterStalled(false);
   return true;
 }
 
-void ToviLogWriter::ReportDroppedRecords() {
-  if (m_nDroppedRecords.load(std::memory_order_relaxed) == 0) return;
-  const unsigned long long dropped = m_nDroppedRecords.exchange(0, std::memory_order_relaxed);
+void LogFileSet::ReportDroppedRecords() {
+  const unsigned long long dropped = m_queue.TakeDropped();
+  if (dropped == 0) return;
   char line[512];
-  ACE_OS::snprintf(line, sizeof line,
-                   "%llu record(s) dropped while the log file could not be written\n", dropped);
-  WriteString(line);
+  std::snprintf(line, sizeof line,
+                "%llu record(s) dropped while the log file could not be written\n", dropped);
+  WriteText(line);
 }
 
-void ToviLogWriter::AbandonFile() {
-  if (m_nFile < 0) return;
-  toviport::CloseFile(m_nFile);
-  m_nFile = -1;
+void LogFileSet::Abandon() {
+  if (m_fd < 0) return;
+  toviport::CloseFile(m_fd);
+  m_fd = -1;
   // A file that never received a whole line is only clutter.
-  if (m_nFlushedBytes == 0) toviport::RemoveFile(m_strCurFile.c_str());
+  if (m_flushedBytes == 0) toviport::RemoveFile(m_path.c_str());
 }
 
-bool ToviLogWriter::RecoverFromFailedWrite() {
+bool LogFileSet::RecoverFromFailedWrite() {
   std::string carried;
-  carried.swap(m_FileBatch);
-  uint64_t carriedRecords = m_nBatchRecords;
-  const bool sizeLimit = m_nWriteError == EFBIG;
+  carried.swap(m_batch);
+  const uint64_t carriedRecords = m_batchRecords;
+  const bool sizeLimit = m_writeError == EFBIG;
   // What the failed file holds is whole and is archived like any other.
-  const std::string closed = m_nFlushedBytes > 0 ? m_strCurFile.substr(m_strLogPath.size()) : "";
-  AbandonFile();
-  if (!closed.empty()) ArchiveInBackground(closed);
-  m_bFileFailed = false;
-  m_nBatchRecords = 0;
+  const std::string closed = m_flushedBytes > 0 ? CurrentName() : "";
+  Abandon();
+  if (!closed.empty()) m_archive.ArchiveInBackground(closed);
+  m_failed = false;
+  m_batchRecords = 0;
   // A file-size limit leaves room in a new file at once; a full disk or an
   // I/O error gets a pause first.
-  if (!sizeLimit) m_bNoFile.store(true, std::memory_order_release);
-  if ((sizeLimit || SleepUnlessStopped(kRetryMs)) && CreateLogFileUntilStopped()) {
-    WriteBytes(carried.data(), carried.size());
-    m_nBatchRecords = carriedRecords;
-    if (FlushFileBatch()) return true;
+  if (!sizeLimit) m_queue.SetWriterStalled(true);
+  if ((sizeLimit || SleepUnlessStopped(kRetryMs)) && OpenUntilStopped()) {
+    Write(carried.data(), carried.size());
+    m_batchRecords = carriedRecords;
+    if (Flush()) return true;
     // Not even a fresh file takes them: count them rather than go round.
-    m_FileBatch.clear();
-    m_nBatchRecords = 0;
-    m_bFileFailed = false;
-    m_nFileBytes = m_nFlushedBytes;
+    m_batch.clear();
+    m_batchRecords = 0;
+    m_failed = false;
+    m_bytes = m_flushedBytes;
   }
-  m_nDroppedRecords.fetch_add(carriedRecords, std::memory_order_relaxed);
-  return m_nFile >= 0;
+  m_queue.CountDropped(carriedRecords);
+  return m_fd >= 0;
 }
 
-bool ToviLogWriter::ReplaceRemovedFile() {
-  if (m_nFile < 0) return false;
+bool LogFileSet::ReplaceIfRemoved() {
+  if (m_fd < 0) return false;
   const int64_t now = toviport::SteadyMs();
-  if (now - m_nLastLinkCheckMs < kLinkCheckMs) return true;
-  m_nLastLinkCheckMs = now;
-  if (toviport::OpenFileLinks(m_nFile) != 0) {
-    m_nRecordsSinceCheck = 0;
+  if (now - m_lastLinkCheckMs < kLinkCheckMs) return true;
+  m_lastLinkCheckMs = now;
+  if (toviport::OpenFileLinks(m_fd) != 0) {
+    m_recordsSinceCheck = 0;
     return true;
   }
   // Everything handed to the kernel since the last check may have gone into
   // the removed file; what is still pending goes into the new one.
-  const unsigned long long unsure = m_nRecordsSinceCheck;
+  const unsigned long long unsure = m_recordsSinceCheck;
   std::string carried;
-  carried.swap(m_FileBatch);
-  const uint64_t carriedRecords = m_nBatchRecords;
-  toviport::CloseFile(m_nFile);
-  m_nFile = -1;
-  if (!CreateLogFileUntilStopped()) {
-    m_nDroppedRecords.fetch_add(carriedRecords, std::memory_order_relaxed);
+  carried.swap(m_batch);
+  const uint64_t carriedRecords = m_batchRecords;
+  toviport::CloseFile(m_fd);
+  m_fd = -1;
+  if (!OpenUntilStopped()) {
+    m_queue.CountDropped(carriedRecords);
     return false;
   }
   char line[160];
-  ACE_OS::snprintf(line, sizeof line,
-                   "%llu record(s) may be lost: the log file was removed while it was written\n",
-                   unsure);
-  WriteString(line);
-  WriteBytes(carried.data(), carried.size());
-  m_nBatchRecords = carriedRecords;
+  std::snprintf(line, sizeof line,
+                "%llu record(s) may be lost: the log file was removed while it was written\n",
+                unsure);
+  WriteText(line);
+  Write(carried.data(), carried.size());
+  m_batchRecords = carriedRecords;
   return true;
 }

@@ -15,31 +15,31 @@
 
 #include <zlib.h>
 
+#include "logwriter/LogArchive.h"
 #include "logwriter/LogFileNames.h"
-#include "logwriter/ToviLogWriter.h"
 #include "port/ToviPort.h"
 
 namespace {
 constexpr unsigned kBufferSize = 65536;
 }  // namespace
 
-ToviLogWriter::ArchiveOutcome ToviLogWriter::CompressLogFile(const std::string& name) {
-  if (name.empty()) return ArchiveOutcome::Failed;
-  const std::string source = toviport::FullDirPath(m_strLogPath) + name;
+LogArchive::Outcome LogArchive::Compress(const std::string& name) {
+  if (name.empty()) return Outcome::Failed;
+  const std::string source = toviport::FullDirPath(m_dir) + name;
   int fd = -1;
   const toviport::LockResult locked = toviport::OpenLocked(source, fd);
-  if (locked == toviport::LockResult::Busy) return ArchiveOutcome::Busy;
-  if (locked != toviport::LockResult::Locked) return ArchiveOutcome::Failed;
+  if (locked == toviport::LockResult::Busy) return Outcome::Busy;
+  if (locked != toviport::LockResult::Locked) return Outcome::Failed;
   const std::string target = source + logfilenames::kArchiveSuffix;
   toviport::FileStatus status;
   const bool archived = toviport::GetFileStatus(target.c_str(), status) && status.isRegular;
-  const bool done = archived || GzipFile(fd, target) == 0;
+  const bool done = archived || GzipFile(fd, target);
   if (done) toviport::RemoveFile(source.c_str());
   toviport::CloseFile(fd);
-  return done ? ArchiveOutcome::Archived : ArchiveOutcome::Failed;
+  return done ? Outcome::Archived : Outcome::Failed;
 }
 
-int ToviLogWriter::GzipFile(int sourceFd, const std::string& target) {
+bool LogArchive::GzipFile(int sourceFd, const std::string& target) {
   const std::string temporary = target + logfilenames::kTemporarySuffix;
   int outFd = -1;
   toviport::CreateResult made = toviport::CreateNewFile(temporary, outFd);
@@ -49,12 +49,12 @@ int ToviLogWriter::GzipFile(int sourceFd, const std::string& target) {
     toviport::RemoveFile(temporary.c_str());
     made = toviport::CreateNewFile(temporary, outFd);
   }
-  if (made != toviport::CreateResult::Created) return -1;
+  if (made != toviport::CreateResult::Created) return false;
   gzFile out = gzdopen(outFd, "wb");
   if (out == nullptr) {
     toviport::CloseFile(outFd);
     toviport::RemoveFile(temporary.c_str());
-    return -1;
+    return false;
   }
 
   bool complete = false;
@@ -72,7 +72,7 @@ int ToviLogWriter::GzipFile(int sourceFd, const std::string& target) {
   buffer.reset();
 
   const bool closed = gzclose(out) == Z_OK;
-  if (complete && closed && toviport::RenameFile(temporary.c_str(), target.c_str()) == 0) return 0;
+  if (complete && closed && toviport::RenameFile(temporary.c_str(), target.c_str()) == 0) return true;
   toviport::RemoveFile(temporary.c_str());
-  return -1;
+  return false;
 }

@@ -1,20 +1,15 @@
-// OutputThread.cpp - building a writer, starting its thread, and the thread
-// itself: the only code that consumes m_OutputQueue and, while it runs, the
-// only code that touches the writer's file.
+// OutputThread.cpp - building a writer, and its thread: the only code that
+// takes records off the queue and, while it runs, the only code that touches
+// the writer's files.
 //
 // The thread takes whatever is queued, up to a batch bound, writes it, and
 // hands the batch to the kernel before it looks for more. When the queue runs
 // dry after work it naps briefly before it waits on the queue, so that
 // producers who keep coming find a writer that needs no waking.
 #include <cerrno>
-
-#include <ace/OS_NS_stdio.h>
-#include <ace/OS_NS_sys_time.h>
-#include <ace/Thread.h>
-#include <ace/Time_Value.h>
+#include <cstdio>
 
 #include "ToviBaseUtil.h"
-#include "logwriter/RecordBatchQueue.h"
 #include "logwriter/RecordBlock.h"
 #include "logwriter/SyslogForwarder.h"
 #include "logwriter/ToviLogRecord.h"
@@ -24,132 +19,85 @@
 namespace {
 // How often the idle writer thread looks at the stop flag, so that a stop
 // never depends on an end marker reaching the queue.
-const ACE_Time_Value kIdleWake(0, 100 * 1000);
+constexpr unsigned kIdleWakeMs = 100;
 // The record bytes written between two hand-overs to the kernel.
 constexpr std::size_t kBatchRecordBytes = 64 * 1024;
 // The nap after a batch that emptied the queue.
 constexpr unsigned kDryNapUs = 2000;
+
+std::string DirectoryOf(const LogWriterOptions& options) {
+  if (options.logPath.empty()) return ToviGetDefaultLogPath();
+  return options.logPath.back() == '/' ? options.logPath : options.logPath + '/';
+}
+
+LogFileSet::Settings FileSettings(const LogWriterOptions& options, const std::string& dir) {
+  LogFileSet::Settings settings;
+  settings.dir = dir;
+  settings.prefix = options.prefix;
+  settings.header = options.header;
+  settings.maxFileBytes = options.maxFileBytes;
+  return settings;
+}
 }  // namespace
 
-ToviLogWriter::ToviLogWriter(const std::string& logPath, const std::string& prefix,
-                             const std::string& header, bool bAllPrint, bool bAllLog,
-                             unsigned nFiltLogBufSize, unsigned nEachFileMaxSize,
-                             int nEachProcessMaxZipNum)
-    : m_bThreadExited(false),
-      m_bStopRequested(false),
-      m_strPrefix(prefix),
-      m_strHeader(header),
-      m_nFile(-1),
-      m_bAllPrint(bAllPrint),
-      m_bAllLog(bAllLog),
-      m_nFiltLogBufSize(nFiltLogBufSize),
-      m_nEachFileMaxSize(nEachFileMaxSize),
-      m_bStarted(false),
-      m_nEachProcessMaxZipNum(nEachProcessMaxZipNum),
-      m_bNoFile(false),
-      m_nDroppedRecords(0),
-      m_nLastNameTime(0),
-      m_nFileBytes(0),
-      m_nFlushedBytes(0),
-      m_nBatchRecords(0),
-      m_bFileFailed(false),
-      m_nWriteError(0),
-      m_nRecordsSinceCheck(0),
-      m_nLastLinkCheckMs(0),
-      m_bConsoleStalled(false),
-      m_nConsoleDropped(0),
-      m_hThread(),
-      m_bArchiving(false),
-      m_hArchiver() {
-  if (logPath.empty()) {
-    m_strLogPath = ToviGetDefaultLogPath();
-  } else {
-    m_strLogPath = logPath;
-    if (m_strLogPath.back() != '/') m_strLogPath += '/';
-  }
-  m_OutputQueue.high_water_mark(recordblock::kQueueWaterMark);
-  m_OutputQueue.low_water_mark(recordblock::kQueueWaterMark);
-  m_DiscardQueue.high_water_mark(recordblock::kQueueWaterMark);
-  m_DiscardQueue.low_water_mark(recordblock::kQueueWaterMark);
-  StartThread();
-}
-
-std::string ToviLogWriter::GetLogPath() const { return m_strLogPath; }
-
-bool ToviLogWriter::StartThread() {
-  {
-    ACE_Guard<ACE_Thread_Mutex> guard(m_StartLock);
-    if (m_bStarted) return true;
-  }
+ToviLogWriter::ToviLogWriter(const LogWriterOptions& options)
+    : m_Options(options),
+      m_strLogPath(DirectoryOf(options)),
+      m_Queue(options.heldBackRecords),
+      m_Archive(m_strLogPath, options.prefix, options.archivesKept),
+      m_Files(FileSettings(options, m_strLogPath), m_Queue, m_Archive, m_bStopRequested) {
   // Joinable, so that the stop sequence returns the moment the thread has
   // ended, and no thread of the library outlives its writer.
-  ACE_thread_t id;
-  if (ACE_Thread::spawn(&ToviLogWriter::OutputThread, this, THR_NEW_LWP | THR_JOINABLE, &id,
-                        &m_hThread, 0) == -1) {
-    return false;
-  }
-  m_bStarted = true;
-  return true;
-}
-
-bool ToviLogWriter::SleepUnlessStopped(unsigned milliseconds) {
-  for (unsigned slept = 0; slept < milliseconds; slept += 100) {
-    if (m_bStopRequested.load(std::memory_order_acquire)) return false;
-    toviport::SleepMs(milliseconds - slept < 100 ? milliseconds - slept : 100);
-  }
-  return !m_bStopRequested.load(std::memory_order_acquire);
+  m_bStarted = toviport::StartThread(&ToviLogWriter::OutputThread, this, m_hThread);
 }
 
 void* ToviLogWriter::OutputThread(void* arg) {
   ToviLogWriter* self = static_cast<ToviLogWriter*>(arg);
-  if (self == nullptr) return nullptr;
   // The writer catches up in bursts; a burst must not push aside the very
   // threads whose records it writes.
   toviport::MakeBackgroundThread();
 
-  self->MaintainArchives();
-  if (!self->CreateLogFileUntilStopped()) {
-    self->m_bThreadExited.store(true, std::memory_order_release);
+  LogFileSet& files = self->m_Files;
+  self->m_Archive.Maintain();
+  if (!files.OpenUntilStopped()) {
+    self->m_Queue.SetWriterGone();
     return nullptr;
   }
 
-  self->WriteString("This is the first log file\n");
+  files.WriteText("This is the first log file\n");
   char line[60];
-  ACE_OS::snprintf(line, sizeof line, "Thread handle output string is 0x%x\n",
+  std::snprintf(line, sizeof line, "Thread handle output string is 0x%x\n",
                 toviport::CurrentThreadId());
-  self->WriteString(line);
-  if (!self->FlushFileBatch()) self->RecoverFromFailedWrite();
+  files.WriteText(line);
+  if (!files.Flush()) files.RecoverFromFailedWrite();
 
   self->DrainOutputQueue();
 
   self->ForwardBatch();
-  self->FlushConsoleBatch();
-  self->ReportConsoleDrops();
-  self->ReportDroppedRecords();
-  self->WriteString("thread handle output string exit\n");
-  self->FlushFileBatch();
+  self->m_Console.Flush(files);
+  self->m_Console.ReportDrops(files);
+  files.ReportDroppedRecords();
+  files.WriteText("thread handle output string exit\n");
+  files.Flush();
   // The last touch of the writer: from here on the stopping thread owns it.
-  self->m_bThreadExited.store(true, std::memory_order_release);
+  self->m_Queue.SetWriterGone();
   return nullptr;
 }
 
 void ToviLogWriter::DrainOutputQueue() {
   bool dry = true;
   for (;;) {
-    if (m_bStopRequested.load(std::memory_order_acquire) && m_OutputQueue.message_count() == 0) {
-      return;
-    }
+    if (m_bStopRequested.load(std::memory_order_acquire) && m_Queue.OutputCount() == 0) return;
     ACE_Message_Block* chain = nullptr;
-    ACE_Time_Value wait = dry ? ACE_OS::gettimeofday() + kIdleWake : ACE_Time_Value::zero;
-    if (m_OutputQueue.dequeue_all(chain, &wait) == -1) {
+    if (m_Queue.TakeAll(chain, dry ? kIdleWakeMs : 0) == -1) {
       if (errno == EWOULDBLOCK) {
         if (!dry) toviport::SleepUs(kDryNapUs);
         dry = true;
         continue;
       }
-      WriteString("can't get message block\n");
-      FlushFileBatch();
-      SleepUnlessStopped(100);
+      m_Files.WriteText("can't get message block\n");
+      m_Files.Flush();
+      m_Files.SleepUnlessStopped(100);
       continue;
     }
     dry = false;
@@ -163,27 +111,27 @@ bool ToviLogWriter::WriteBatch(ACE_Message_Block* chain) {
   std::size_t length = 0;
   const auto handOver = [&] {
     // The file first: a console that is slow must not keep records from it.
-    if (ReplaceRemovedFile() && !FlushFileBatch()) RecoverFromFailedWrite();
+    m_Files.HandOver();
     ForwardBatch();
-    FlushConsoleBatch();
-    m_OutputQueue.release_bytes(bytes, length);
+    m_Console.Flush(m_Files);
+    m_Queue.Release(bytes, length);
     bytes = length = 0;
   };
   for (ACE_Message_Block* block = chain; block != nullptr;) {
     ACE_Message_Block* next = block->next();
     block->next(nullptr);
-    bytes += RecordQueue::charge(block);
+    bytes += RecordQueue::Charge(block);
     length += block->length();
     ToviLogRecord* record = recordblock::RecordIn(block);
     const bool ended = record->IsEndMarker();
     if (ended) {
       // What was queued behind the marker stays for the stop sequence to
       // count.
-      if (next != nullptr) m_OutputQueue.requeue_head(next);
+      if (next != nullptr) m_Queue.PutBack(next);
     } else if (record->HasData()) {
       WriteRecord(record, false);
     } else {
-      WriteString("can't get output data\n");
+      m_Files.WriteText("can't get output data\n");
     }
     recordblock::Release(block);
     if (ended) {

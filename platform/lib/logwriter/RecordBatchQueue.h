@@ -56,7 +56,7 @@ public:
       this->tail_->next(block);
     }
     this->tail_ = block;
-    if (consumerWaiting_) this->not_empty_cond_.signal();
+    if (m_consumerWaiting) this->not_empty_cond_.signal();
     return static_cast<int>(this->cur_count_);
   }
 
@@ -72,9 +72,9 @@ public:
       errno = ESHUTDOWN;
       return -1;
     }
-    consumerWaiting_ = true;
+    m_consumerWaiting = true;
     const int waited = this->wait_not_empty_cond(timeout);
-    consumerWaiting_ = false;
+    m_consumerWaiting = false;
     if (waited == -1) return -1;
     first = this->head_;
     const int taken = static_cast<int>(this->cur_count_);
@@ -117,7 +117,7 @@ public:
 private:
   // True while the writer thread waits in dequeue_all; read and written
   // under the queue's lock.
-  bool consumerWaiting_ = false;
+  bool m_consumerWaiting = false;
 };
 
 #endif

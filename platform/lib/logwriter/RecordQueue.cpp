@@ -1,71 +1,72 @@
-// RecordQueue.cpp - handing records to the writer thread.
-//
-// A record with an output goes onto m_OutputQueue, which the writer thread
-// drains in order. When that queue is full a producer waits for room, as long
-// as the writer is making progress; once the writer cannot write (its thread
-// has ended, or no log file can be created) the producer gives up after about
-// a second and the record is dropped and counted, so no thread ever waits on
-// a writer that will not come back. A record with no output goes onto the
-// bounded m_DiscardQueue, whose oldest record makes room for the newest.
+// RecordQueue.cpp - handing records to the writer thread, and what is left
+// of them at a stop.
+#include "logwriter/RecordQueue.h"
+
 #include <cerrno>
 
 #include <ace/Message_Block.h>
-#include <ace/OS_NS_sys_time.h>
 #include <ace/Time_Value.h>
 
 #include "logwriter/RecordBlock.h"
 #include "logwriter/ToviLogRecord.h"
-#include "logwriter/ToviLogWriter.h"
+#include "port/ToviPort.h"
 
 namespace {
 // How long a producer waits for room in one go, and how many such waits it
 // spends on a writer that cannot write before dropping its record.
-const ACE_Time_Value kRoomWaitSlice(0, 100 * 1000);
+constexpr unsigned kRoomWaitSliceMs = 100;
 constexpr int kStalledSlices = 10;
 }  // namespace
 
-bool ToviLogWriter::EnqueueOutput(ACE_Message_Block* block) {
+RecordQueue::RecordQueue(unsigned heldBack) : m_heldBackLimit(heldBack) {
+  m_output.high_water_mark(recordblock::kQueueWaterMark);
+  m_output.low_water_mark(recordblock::kQueueWaterMark);
+  m_heldBack.high_water_mark(recordblock::kQueueWaterMark);
+  m_heldBack.low_water_mark(recordblock::kQueueWaterMark);
+}
+
+bool RecordQueue::EnqueueOutput(ACE_Message_Block* block) {
   // The common case: there is room, and no clock is read.
-  if (m_OutputQueue.enqueue_record(block) != -1) return true;
+  if (m_output.enqueue_record(block) != -1) return true;
 
   int stalledSlices = 0;
   for (;;) {
     if (errno != EWOULDBLOCK) return false;  // the queue was shut down
     // An ended thread will never make room; a writer without a file might
     // get one back within the second.
-    if (m_bThreadExited.load(std::memory_order_acquire)) return false;
-    if (m_bNoFile.load(std::memory_order_acquire)) {
+    if (m_writerGone.load(std::memory_order_acquire)) return false;
+    if (m_writerStalled.load(std::memory_order_acquire)) {
       if (++stalledSlices > kStalledSlices) return false;
     } else {
       stalledSlices = 0;
     }
-    ACE_Time_Value deadline = ACE_OS::gettimeofday() + kRoomWaitSlice;
-    if (m_OutputQueue.enqueue_record(block, &deadline) != -1) return true;
+    ACE_Time_Value deadline = toviport::DeadlineAfterMs(kRoomWaitSliceMs);
+    if (m_output.enqueue_record(block, &deadline) != -1) return true;
   }
 }
 
-bool ToviLogWriter::PutRecord(ACE_Message_Block* block) {
+bool RecordQueue::Put(ACE_Message_Block* block) {
   if (block == nullptr) return false;
   const ToviLogRecord* record = recordblock::RecordIn(block);
 
   if (record->m_bPrint || record->m_bLog) {
     if (EnqueueOutput(block)) return true;
-    m_nDroppedRecords.fetch_add(1, std::memory_order_relaxed);
+    CountDropped(1);
     recordblock::Release(block);
     return false;
   }
 
-  if (m_nFiltLogBufSize == 0) {
+  if (m_heldBackLimit == 0) {
     recordblock::Release(block);
     return true;
   }
   // The held-back store never makes a tracing thread wait.
   ACE_Time_Value now_or_never = ACE_Time_Value::zero;
-  if (m_DiscardQueue.message_count() >= m_nFiltLogBufSize) {
-    // Another producer may have emptied the queue since the count; then
+  if (m_heldBack.message_count() >= m_heldBackLimit) {
+    // Another producer may have emptied the store since the count; then
     // there is nothing to drop.
     ACE_Message_Block* oldest = nullptr;
-    if (m_DiscardQueue.dequeue_head(oldest, &now_or_never) == -1) {
+    if (m_heldBack.dequeue_head(oldest, &now_or_never) == -1) {
       if (errno != EWOULDBLOCK) {
         recordblock::Release(block);
         return false;
@@ -74,21 +75,52 @@ bool ToviLogWriter::PutRecord(ACE_Message_Block* block) {
       recordblock::Release(oldest);
     }
   }
-  if (m_DiscardQueue.enqueue_tail(block, &now_or_never) != -1) return true;
+  if (m_heldBack.enqueue_tail(block, &now_or_never) != -1) return true;
   recordblock::Release(block);
   return false;
 }
 
-void ToviLogWriter::FlushDiscardQueue() {
-  while (!m_DiscardQueue.is_empty()) {
+void RecordQueue::PutEndMarker() {
+  ACE_Message_Block* marker = recordblock::Acquire(recordblock::RecordBytes(0));
+  if (marker != nullptr && !EnqueueOutput(marker)) recordblock::Release(marker);
+}
+
+int RecordQueue::TakeAll(ACE_Message_Block*& chain, unsigned waitMs) {
+  ACE_Time_Value wait = waitMs > 0 ? toviport::DeadlineAfterMs(waitMs) : ACE_Time_Value::zero;
+  return m_output.dequeue_all(chain, &wait);
+}
+
+ACE_Message_Block* RecordQueue::TakeHeldBack() {
+  ACE_Message_Block* block = nullptr;
+  ACE_Time_Value now_or_never = ACE_Time_Value::zero;
+  while (!m_heldBack.is_empty()) {
+    if (m_heldBack.dequeue_head(block, &now_or_never) == -1) return nullptr;
+    if (block != nullptr) return block;
+  }
+  return nullptr;
+}
+
+uint64_t RecordQueue::TakeDropped() {
+  if (m_dropped.load(std::memory_order_relaxed) == 0) return 0;
+  return m_dropped.exchange(0, std::memory_order_relaxed);
+}
+
+// A thread that saw the stop flag on an empty queue ends without waiting for
+// the marker; the marker then stands alone at the head and is no record.
+void RecordQueue::DiscardUnusedEndMarker() {
+  ACE_Message_Block* head = nullptr;
+  ACE_Time_Value now_or_never = ACE_Time_Value::zero;
+  if (m_output.peek_dequeue_head(head, &now_or_never) == -1 || head == nullptr) return;
+  if (!recordblock::RecordIn(head)->IsEndMarker()) return;
+  if (m_output.dequeue_head(head, &now_or_never) != -1) recordblock::Release(head);
+}
+
+bool RecordQueue::Clear(RecordBatchQueue& queue) {
+  while (queue.message_count() > 0) {
     ACE_Message_Block* block = nullptr;
     ACE_Time_Value now_or_never = ACE_Time_Value::zero;
-    if (m_DiscardQueue.dequeue_head(block, &now_or_never) == -1) break;
-    if (block == nullptr) continue;
-    ToviLogRecord* record = recordblock::RecordIn(block);
-    record->m_bLog = true;
-    record->m_bPrint = true;
-    WriteRecord(record, true);
+    if (queue.dequeue_head(block, &now_or_never) == -1) return false;
     recordblock::Release(block);
   }
+  return true;
 }

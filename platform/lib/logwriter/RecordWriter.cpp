@@ -1,9 +1,8 @@
 // RecordWriter.cpp - turning one record into lines for the file and the
-// console, and rolling the file over when it has grown past its limit.
+// console, and bringing out the held-back records before an assertion.
 //
 // The lines go into the writer's pending batches; the writer thread hands
-// each batch to the kernel in one piece. Roll-over is still decided record
-// by record: a file ends with the record that took it past its limit.
+// each batch to the kernel in one piece.
 //
 // The date line goes into a file whenever the day of the month differs from
 // that of the last record that any writer of the process handled; the marker
@@ -12,6 +11,8 @@
 #include <cstring>
 #include <string>
 
+#include "logwriter/FormatAsnTrace.h"
+#include "logwriter/RecordBlock.h"
 #include "logwriter/SyslogForwarder.h"
 #include "logwriter/SyslogMessage.h"
 #include "logwriter/TimeStamp.h"
@@ -23,10 +24,6 @@ namespace {
 // one value so that both are read and replaced together. 0: none yet.
 std::atomic<uint16_t> g_lastDay{0};
 
-// Pending file bytes beyond this go to the kernel at the end of the record,
-// so a batch never holds much more than this in memory, nor keeps it from
-// the disk.
-constexpr std::size_t kBatchBytes = 64 * 1024;
 constexpr std::size_t kDayOffset = 8;
 constexpr std::size_t kTimeOfDayOffset = 11;
 constexpr std::size_t kTimeOfDayLength = timestamp::kLength - kTimeOfDayOffset;
@@ -57,22 +54,15 @@ std::size_t FormatHead(const ToviLogRecord& record, char* out) {
 
 }  // namespace
 
-bool ToviLogWriter::RollOver() {
-  if (!FlushFileBatch()) return RecoverFromFailedWrite();
-  CloseLogFile();
-  ArchiveInBackground(m_strCurFile.substr(m_strLogPath.size()));
-  return CreateLogFileUntilStopped();
-}
-
 bool ToviLogWriter::WriteRecord(ToviLogRecord* record, bool fromDiscardQueue) {
   if (record == nullptr || record->m_pTime == nullptr) return false;
-  if (m_bFileFailed) RecoverFromFailedWrite();
-  if (m_nFile < 0) {
+  if (m_Files.HasFailedWrite()) m_Files.RecoverFromFailedWrite();
+  if (!m_Files.IsOpen()) {
     // Only after a stop during a wait for a file: the record is counted.
-    if (record->m_bLog) m_nDroppedRecords.fetch_add(1, std::memory_order_relaxed);
+    if (record->m_bLog) m_Queue.CountDropped(1);
     return false;
   }
-  ReportDroppedRecords();
+  m_Files.ReportDroppedRecords();
   // Held-back records come out before the assertion that explains them.
   if (record->m_nLevel == LEVEL_ASSERT && !fromDiscardQueue) FlushDiscardQueue();
 
@@ -99,19 +89,19 @@ bool ToviLogWriter::WriteRecord(ToviLogRecord* record, bool fromDiscardQueue) {
       char line[64] = "Current date&time:";
       std::memcpy(line + 18, record->m_pTime, timestamp::kLength);
       std::memcpy(line + 18 + timestamp::kLength, "\n", 2);
-      WriteString(line);
+      m_Files.WriteText(line);
     }
-    WriteBytes(head, headLen);
-    WriteBytes(text, textLen);
-    if (needsLineEnd) WriteBytes("\n", 1);
-    WriteBytes(asn.data(), asn.size());
-    ++m_nBatchRecords;
+    m_Files.Write(head, headLen);
+    m_Files.Write(text, textLen);
+    if (needsLineEnd) m_Files.Write("\n", 1);
+    m_Files.Write(asn.data(), asn.size());
+    m_Files.CountRecord();
     SyslogForwarder* forwarder = m_pForwarder.load(std::memory_order_relaxed);
     if (forwarder != nullptr && !forwarder->Accepting()) {
       ++m_nSyslogSkipped;
     } else if (forwarder != nullptr) {
       try {
-        if (m_strSyslogIdentity.empty()) m_strSyslogIdentity = syslogmessage::Identity(m_strPrefix);
+        if (m_strSyslogIdentity.empty()) m_strSyslogIdentity = syslogmessage::Identity(m_Options.prefix);
         syslogmessage::AppendFramed(*record, asn, m_strSyslogIdentity, forwarder->Facility(),
                                     m_SyslogBatch);
         ++m_nSyslogMessages;
@@ -119,25 +109,22 @@ bool ToviLogWriter::WriteRecord(ToviLogRecord* record, bool fromDiscardQueue) {
         // No memory for the message: the file has the record all the same.
       }
     }
-    if (m_nFileBytes > static_cast<int64_t>(m_nEachFileMaxSize)) {
-      if (!RollOver()) return false;
-    } else if (m_FileBatch.size() >= kBatchBytes) {
-      FlushFileBatch();
-    }
+    if (!m_Files.AfterRecord()) return false;
   }
   g_lastDay.store(day, std::memory_order_relaxed);
 
-  if (record->m_bPrint) {
-    // One piece per record, so that records of different writers may
-    // interleave on the console but never split each other.
-    try {
-      m_ConsoleBatch.append(head, headLen).append(text, textLen);
-      if (needsLineEnd) m_ConsoleBatch += '\n';
-      m_ConsoleBatch += asn;
-      m_ConsoleRecordEnds.push_back(m_ConsoleBatch.size());
-    } catch (...) {
-      return false;
-    }
+  if (record->m_bPrint && !m_Console.Add(head, headLen, text, textLen, needsLineEnd, asn)) {
+    return false;
   }
   return true;
+}
+
+void ToviLogWriter::FlushDiscardQueue() {
+  while (ACE_Message_Block* block = m_Queue.TakeHeldBack()) {
+    ToviLogRecord* record = recordblock::RecordIn(block);
+    record->m_bLog = true;
+    record->m_bPrint = true;
+    WriteRecord(record, true);
+    recordblock::Release(block);
+  }
 }

@@ -16,7 +16,7 @@
 #include <cstddef>
 #include <string>
 
-#include "ToviDebugMgr.h"
+#include "ToviLogLevel.h"
 
 class ToviLogRecord;
 

@@ -11,7 +11,7 @@
 
 #include <cstdint>
 
-#include "ToviDebugMgr.h"
+#include "ToviLogLevel.h"
 
 class AsnType;
 

@@ -17,7 +17,11 @@
 #include <sys/types.h>
 #include <unistd.h>
 
+#include <ace/OS_NS_dirent.h>
+#include <ace/OS_NS_sys_time.h>
+#include <ace/OS_NS_time.h>
 #include <ace/OS_NS_unistd.h>
+#include <ace/Thread.h>
 #include <ace/Time_Value.h>
 
 namespace toviport {
@@ -172,6 +176,17 @@ int VFormat(char* buf, std::size_t size, const char* format, va_list args) {
   return std::vsnprintf(buf, size, format, args);
 }
 
+bool ListDirectory(const std::string& dir, std::vector<std::string>& names) {
+  ACE_DIR* listing = ACE_OS::opendir(dir.c_str());
+  if (listing == nullptr) return false;
+  while (ACE_DIRENT* entry = ACE_OS::readdir(listing)) {
+    const char* name = entry->d_name;
+    if (std::strcmp(name, ".") != 0 && std::strcmp(name, "..") != 0) names.emplace_back(name);
+  }
+  ACE_OS::closedir(listing);
+  return true;
+}
+
 int64_t CurrentTime() { return static_cast<int64_t>(std::time(nullptr)); }
 
 void CurrentTimeOfDay(int64_t& seconds, long& microseconds) {
@@ -179,6 +194,19 @@ void CurrentTimeOfDay(int64_t& seconds, long& microseconds) {
   ::gettimeofday(&now, nullptr);
   seconds = static_cast<int64_t>(now.tv_sec);
   microseconds = static_cast<long>(now.tv_usec);
+}
+
+std::tm LocalTime(int64_t seconds) {
+  std::tm local{};
+  const time_t t = static_cast<time_t>(seconds);
+  ACE_OS::localtime_r(&t, &local);
+  return local;
+}
+
+ACE_Time_Value DeadlineAfterMs(unsigned milliseconds) {
+  ACE_Time_Value wait;
+  wait.msec(static_cast<long>(milliseconds));
+  return ACE_OS::gettimeofday() + wait;
 }
 
 std::size_t FormatTime(char* buf, std::size_t size, const char* format, const std::tm& when) {
@@ -212,6 +240,12 @@ bool MakeBackgroundThread() {
   param.sched_priority = 0;
   return ::sched_setscheduler(0, SCHED_BATCH, &param) == 0;
 }
+
+bool StartThread(ThreadEntry entry, void* arg, ThreadHandle& handle) {
+  return ACE_Thread::spawn(entry, arg, THR_NEW_LWP | THR_JOINABLE, nullptr, &handle, 0) != -1;
+}
+
+void JoinThread(ThreadHandle handle) { ACE_Thread::join(handle, nullptr); }
 
 void SleepMs(unsigned milliseconds) {
   ACE_Time_Value delay;

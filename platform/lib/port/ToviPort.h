@@ -14,6 +14,10 @@
 #include <ctime>
 #include <fstream>
 #include <string>
+#include <vector>
+
+#include <ace/OS_NS_Thread.h>
+#include <ace/Time_Value.h>
 
 namespace toviport {
 
@@ -98,10 +102,21 @@ bool OpenTextInput(std::ifstream& in, const std::string& path);
 // the complete text would have, or a negative value on a formatting error.
 int VFormat(char* buf, std::size_t size, const char* format, va_list args);
 
+// The names in a directory, "." and ".." left out; false when it cannot be
+// listed.
+bool ListDirectory(const std::string& dir, std::vector<std::string>& names);
+
 // Seconds since the epoch.
 int64_t CurrentTime();
 // The time of day to the microsecond, as the system clock gives it.
 void CurrentTimeOfDay(int64_t& seconds, long& microseconds);
+
+// The local (zone-adjusted) calendar time of a moment.
+std::tm LocalTime(int64_t seconds);
+
+// The absolute time, on the clock that ACE's timed waits use, that lies
+// milliseconds from now.
+ACE_Time_Value DeadlineAfterMs(unsigned milliseconds);
 
 // strftime into a caller's buffer; 0 when the result does not fit.
 std::size_t FormatTime(char* buf, std::size_t size, const char* format, const std::tm& when);
@@ -118,6 +133,13 @@ std::string HostName();
 // of the processor, but waking up it does not preempt the threads that are
 // running. False when the system refused.
 bool MakeBackgroundThread();
+
+// A joinable thread running entry(arg); false when the system refused one.
+// Every started thread must be joined once.
+typedef void* (*ThreadEntry)(void*);
+typedef ACE_hthread_t ThreadHandle;
+bool StartThread(ThreadEntry entry, void* arg, ThreadHandle& handle);
+void JoinThread(ThreadHandle handle);
 
 // Suspends the calling thread.
 void SleepMs(unsigned milliseconds);

@@ -123,9 +123,8 @@ bool ToviDebugMgr::AppTrace(const std::string& subModule, ToviLogLevel level, co
     if (writer == nullptr) {
       // Asked only here: a name in the table has passed already.
       if (!PrefixFitsFileNames(logDir, name)) return false;
-      ToviLogWriter* made = new (std::nothrow) ToviLogWriter(
-          logDir, name, subModule, false, false, static_cast<unsigned>(m_nFiltLogBufSize),
-          static_cast<unsigned>(m_nEachFileMaxSize), m_nEachProcessMaxZipNum);
+      ToviLogWriter* made =
+          new (std::nothrow) ToviLogWriter(WriterOptions(logDir, name, subModule));
       if (made == nullptr) return false;
       made->SetForwarder(m_pSyslogForwarder);
       {

@@ -1,13 +1,12 @@
 // FormatAsnTrace.cpp - the text of a record's ASN.1 value, rendered on the
 // writer thread from the record's own clone.
+#include "logwriter/FormatAsnTrace.h"
+
 #include <sstream>
-#include <string>
 
 #include <AsnType.h>
 
-#include "logwriter/ToviLogWriter.h"
-
-void ToviLogWriter::FormatAsnTrace(const AsnType* asn, std::string& out) {
+void FormatAsnTrace(const AsnType* asn, std::string& out) {
   if (asn == nullptr) return;
   std::ostringstream text;
   try {

@@ -2,9 +2,9 @@
 //
 // This is the hot path: it takes a recycled block, writes the time, at most
 // 255 bytes of the sub-module name, the level prefix and at most 2048 bytes
-// of the message into it behind the record, clones the optional ASN.1 value and queues the
-// block. It does no I/O and, once the pool is warm, no allocation; everything
-// else happens on the writer thread.
+// of the message into it behind the record, clones the optional ASN.1 value
+// and queues the block. It does no I/O and, once the pool is warm, no
+// allocation; everything else happens on the writer thread.
 #include <cstring>
 
 #include <AsnType.h>
@@ -71,8 +71,8 @@ bool ToviLogWriter::AddLog(const std::string& subModule, ToviLogLevel level, con
   record->m_nTextLen = static_cast<uint32_t>(textLen);
   record->m_nSubModuleLen = static_cast<uint32_t>(nameLen);
   record->m_nThreadId = toviport::CurrentThreadId();
-  record->m_bPrint = bPrint || m_bAllPrint;
-  record->m_bLog = bLog || m_bAllLog;
+  record->m_bPrint = bPrint || m_Options.printAll;
+  record->m_bLog = bLog || m_Options.logAll;
   record->m_nLevel = level;
   if (asn != nullptr) {
     try {
@@ -82,5 +82,5 @@ bool ToviLogWriter::AddLog(const std::string& subModule, ToviLogLevel level, con
       return false;
     }
   }
-  return PutRecord(block);
+  return m_Queue.Put(block);
 }

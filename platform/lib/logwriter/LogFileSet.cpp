@@ -1,0 +1,184 @@
+// LogFileSet.cpp - naming, opening, writing and closing a writer's log files.
+//
+// A file is named by its prefix and the second that created it. A name is
+// never used twice: a name that is taken in the directory (by this writer, by
+// another process with the same prefix, or by a compressed copy) moves on to
+// the next free second, and a writer's names only ascend. Files are created
+// exclusively, so an existing file is never truncated. Roll-over is decided
+// record by record: a file ends with the record that took it past its limit.
+#include "logwriter/LogFileSet.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+
+#include "ToviBaseUtil.h"
+#include "logwriter/LogArchive.h"
+#include "logwriter/LogFileNames.h"
+#include "logwriter/RecordQueue.h"
+#include "port/ToviPort.h"
+
+namespace {
+// How many seconds past the wanted one are tried for a free name.
+constexpr int kNameAttempts = 3600;
+// The most a single write puts into the file.
+constexpr std::size_t kMaxWrite = 0x200000;
+// Pending file bytes beyond this go to the kernel at the end of the record,
+// so a batch never holds much more than this in memory, nor keeps it from
+// the disk.
+constexpr std::size_t kBatchBytes = 64 * 1024;
+const char kUtf8Bom[] = "\xEF\xBB\xBF";
+}  // namespace
+
+LogFileSet::LogFileSet(const Settings& settings, RecordQueue& queue, LogArchive& archive,
+                       const std::atomic<bool>& stop)
+    : m_settings(settings), m_queue(queue), m_archive(archive), m_stop(stop) {}
+
+bool LogFileSet::Create() {
+  const int64_t now = toviport::CurrentTime();
+
+  // The whole tree: the directory, or its parents too, may have been removed
+  // while the writer ran.
+  toviport::MakeDirTree(m_settings.dir.c_str());
+
+  int fd = -1;
+  bool named = false;
+  int64_t nameTime = now > m_lastNameTime ? now : m_lastNameTime + 1;
+  for (int attempt = 0; attempt < kNameAttempts; ++attempt, ++nameTime) {
+    char stamp[logfilenames::kTimeLength + 1];
+    const std::tm local = toviport::LocalTime(nameTime);
+    std::strftime(stamp, sizeof stamp, "%Y%m%d_%H%M%S", &local);
+    m_path = m_settings.dir + m_settings.prefix + stamp + logfilenames::kPlainSuffix;
+    if (toviport::PathExists((m_path + logfilenames::kArchiveSuffix).c_str())) continue;
+
+    const toviport::CreateResult made = toviport::CreateNewFile(m_path, fd);
+    if (made == toviport::CreateResult::Exists) continue;
+    if (made == toviport::CreateResult::Failed) return false;
+    // Held while the file is open: no writer of the same prefix compresses
+    // or removes it. Lost only to a writer that took the new file in the
+    // moment since its creation to compress it; then the next name is used.
+    // A file system without such locks leaves the file unguarded.
+    if (toviport::LockOpenFile(fd) == toviport::LockResult::Busy) {
+      toviport::CloseFile(fd);
+      fd = -1;
+      continue;
+    }
+    named = true;
+    break;
+  }
+  if (!named) return false;
+
+  m_fd = fd;
+  m_lastNameTime = nameTime;
+  m_bytes = 0;
+  m_flushedBytes = 0;
+  m_recordsSinceCheck = 0;
+  m_lastLinkCheckMs = toviport::SteadyMs();
+  m_batch.clear();
+  m_batchRecords = 0;
+  m_failed = false;
+
+  if (TOVIIsGlobalVersion()) WriteText(kUtf8Bom);
+  // The creation line carries the true time, even when the name had to move
+  // on to a later second.
+  char when[63];
+  const std::tm created = toviport::LocalTime(now);
+  std::strftime(when, sizeof when, "time %Y-%m-%d %H:%M:%S", &created);
+  char line[512];
+  std::snprintf(line, sizeof line, "File create at %s. Current ospid is %d\n", when,
+                static_cast<int>(toviport::CurrentProcessId()));
+  WriteText(line);
+  WriteText(m_settings.header.c_str());
+  if (!Flush()) {
+    // Not even the head fits (a full disk): no headless file stays behind.
+    Abandon();
+    return false;
+  }
+  if (!m_firstCreated) {
+    m_firstCreated = true;
+    m_archive.SpareArchiveOf(CurrentName());
+  }
+  return true;
+}
+
+void LogFileSet::Close() {
+  if (m_fd < 0) return;
+  char when[128];
+  const std::tm local = toviport::LocalTime(toviport::CurrentTime());
+  std::strftime(when, sizeof when, "%Z %Y-%m-%d %H:%M:%S", &local);
+  char line[512];
+  std::snprintf(line, sizeof line, "File close at %s\n", when);
+  WriteText(line);
+  if (!Flush()) {
+    // What could not be written now never will be: count its records.
+    m_queue.CountDropped(m_batchRecords);
+    m_batch.clear();
+    m_batchRecords = 0;
+    m_failed = false;
+  }
+  toviport::CloseFile(m_fd);
+  m_fd = -1;
+}
+
+bool LogFileSet::WriteText(const char* text) {
+  if (text == nullptr) return false;
+  return Write(text, std::strlen(text));
+}
+
+bool LogFileSet::Write(const char* data, std::size_t size) {
+  if (m_fd < 0) return false;
+  if (size > kMaxWrite) size = kMaxWrite;
+  try {
+    m_batch.append(data, size);
+  } catch (...) {
+    return false;
+  }
+  m_bytes += static_cast<int64_t>(size);
+  return true;
+}
+
+bool LogFileSet::Flush() {
+  if (m_fd < 0 || m_batch.empty()) return !m_failed;
+  std::size_t written = 0;
+  if (toviport::WriteAll(m_fd, m_batch.data(), m_batch.size(), written)) {
+    m_flushedBytes += static_cast<int64_t>(written);
+    m_recordsSinceCheck += m_batchRecords;
+    m_batch.clear();
+    m_batchRecords = 0;
+    m_failed = false;
+    return true;
+  }
+  // The batch holds whole records only; cutting back to its start leaves no
+  // torn record, and the batch waits for the next file.
+  m_writeError = errno;
+  toviport::CutFile(m_fd, m_flushedBytes);
+  m_bytes = m_flushedBytes + static_cast<int64_t>(m_batch.size());
+  m_failed = true;
+  return false;
+}
+
+void LogFileSet::HandOver() {
+  if (ReplaceIfRemoved() && !Flush()) RecoverFromFailedWrite();
+}
+
+bool LogFileSet::AfterRecord() {
+  if (m_bytes > static_cast<int64_t>(m_settings.maxFileBytes)) return RollOver();
+  if (m_batch.size() >= kBatchBytes) Flush();
+  return true;
+}
+
+bool LogFileSet::RollOver() {
+  if (!Flush()) return RecoverFromFailedWrite();
+  Close();
+  m_archive.ArchiveInBackground(CurrentName());
+  return OpenUntilStopped();
+}
+
+bool LogFileSet::SleepUnlessStopped(unsigned milliseconds) {
+  for (unsigned slept = 0; slept < milliseconds; slept += 100) {
+    if (m_stop.load(std::memory_order_acquire)) return false;
+    toviport::SleepMs(milliseconds - slept < 100 ? milliseconds - slept : 100);
+  }
+  return !m_stop.load(std::memory_order_acquire);
+}

@@ -1,0 +1,105 @@
+// LogFileSet.h - the writer's current log file and the files before it:
+// creating the next one, writing into it, rolling it over, closing it, and
+// what happens when it lets the writer down.
+//
+// What the writer thread formats goes into a pending batch of whole records,
+// which reaches the kernel in one write at each hand-over, so a failed write
+// can be undone cleanly. Used by the writer thread only (and by the stop
+// sequence once that thread has ended).
+#ifndef TOVI_LOGWRITER_LOGFILESET_H
+#define TOVI_LOGWRITER_LOGFILESET_H
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+class LogArchive;
+class RecordQueue;
+
+class LogFileSet {
+public:
+  struct Settings {
+    std::string dir;  // ends in "/"
+    std::string prefix;
+    std::string header;
+    uint32_t maxFileBytes = 0;
+  };
+  // queue learns when no file can be had and counts what is dropped; archive
+  // takes the closed files; stop ends every wait for a file.
+  LogFileSet(const Settings& settings, RecordQueue& queue, LogArchive& archive,
+             const std::atomic<bool>& stop);
+  LogFileSet(const LogFileSet&) = delete;
+  LogFileSet& operator=(const LogFileSet&) = delete;
+
+  bool IsOpen() const { return m_fd >= 0; }
+  // Creates the next file, retrying once a second; false when a stop came
+  // first.
+  bool OpenUntilStopped();
+  // Writes the closing line and closes the file.
+  void Close();
+
+  // Appends to the pending batch (at most 2 MiB in one piece).
+  bool Write(const char* data, std::size_t size);
+  bool WriteText(const char* text);
+  // One more whole record is in the pending batch.
+  void CountRecord() { ++m_batchRecords; }
+  // Says how many records producers dropped, if any.
+  void ReportDroppedRecords();
+
+  // After each record: rolls over when the file has grown past its limit,
+  // else hands a large batch on. False when a stop came first.
+  bool AfterRecord();
+  // Hands the pending batch to the kernel, after checking (at most every
+  // half second) that the file still has a name.
+  void HandOver();
+  // Hands the pending batch to the kernel; false when the write failed: the
+  // file was cut back to its last whole record and the batch is kept.
+  bool Flush();
+  bool HasFailedWrite() const { return m_failed; }
+  // Moves the records of a failed file on to a new one; false when a stop
+  // came first.
+  bool RecoverFromFailedWrite();
+
+  // Sleeps, in steps that notice a stop; false when one came.
+  bool SleepUnlessStopped(unsigned milliseconds);
+
+private:
+  bool Create();
+  bool RollOver();
+  // Closes the open file without a closing line; removes it if it is empty.
+  void Abandon();
+  // When the open file has been removed, opens a new one and says how many
+  // records may have been lost; false when a stop came first.
+  bool ReplaceIfRemoved();
+  std::string CurrentName() const { return m_path.substr(m_settings.dir.size()); }
+
+  const Settings m_settings;
+  RecordQueue& m_queue;
+  LogArchive& m_archive;
+  const std::atomic<bool>& m_stop;
+
+  // The open file, -1 when none, and its path.
+  int m_fd = -1;
+  std::string m_path;
+  bool m_firstCreated = false;
+  // The time that named the newest file, so that names never repeat and
+  // keep ascending.
+  int64_t m_lastNameTime = 0;
+  // Bytes in the current file, pending ones included, so that the size test
+  // after every record costs no system call.
+  int64_t m_bytes = 0;
+  // Bytes of the current file known to be on their way to the disk.
+  int64_t m_flushedBytes = 0;
+  std::string m_batch;
+  uint64_t m_batchRecords = 0;
+  // The last write failed (with m_writeError); the batch still waits.
+  bool m_failed = false;
+  int m_writeError = 0;
+  // Records handed to the kernel since the file was last seen to have a
+  // name, and when that was.
+  uint64_t m_recordsSinceCheck = 0;
+  int64_t m_lastLinkCheckMs = 0;
+};
+
+#endif
