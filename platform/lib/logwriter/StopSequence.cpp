@@ -8,16 +8,15 @@
 // is given up after about a second.
 #include <cstdio>
 
-#include <ace/ACE.h>
-
+#include "logwriter/TimeStamp.h"
 #include "logwriter/ToviLogWriter.h"
 
 namespace {
 // "<time stamp> <what>" with the count of records a queue still holds.
 void WriteStopLine(LogFileSet& files, const char* format, std::size_t count) {
-  char stamp[512];
+  char stamp[timestamp::kLength + 1];
   char line[512];
-  ACE::timestamp(stamp, sizeof stamp, false);
+  timestamp::FormatNow(stamp);
   std::snprintf(line, sizeof line, format, stamp, static_cast<int>(count));
   files.WriteText(line);
 }

@@ -1,12 +1,9 @@
 // SyslogForwarder.cpp - the backlog, the connection and its faults.
 #include "logwriter/SyslogForwarder.h"
 
-#include <cerrno>
 #include <cstdlib>
 
 #include <ace/Guard_T.h>
-#include <ace/SOCK_Connector.h>
-#include <ace/Thread.h>
 #include <ace/Time_Value.h>
 
 #include "logwriter/SyslogMessage.h"
@@ -16,7 +13,7 @@ namespace {
 constexpr unsigned kFirstBackOffMs = 100;
 constexpr unsigned kLastBackOffMs = 5000;
 // A connection attempt, and one message's send, wait at most this long.
-const ACE_Time_Value kNetworkWait(1, 0);
+constexpr unsigned kNetworkWaitMs = 1000;
 // What Stop allows for sending the rest.
 constexpr int64_t kStopWindowMs = 1000;
 constexpr long kMinBufferKb = 64;
@@ -61,9 +58,11 @@ bool SyslogForwarder::Parse(const std::string& target, const std::string& facili
 
 SyslogForwarder::SyslogForwarder(const Settings& settings,
                                  std::function<void(const std::string&)> notify)
-    : m_Settings(settings), m_Notify(std::move(notify)), m_Wake(m_Lock) {
-  m_bStarted = ACE_Thread::spawn(&SyslogForwarder::Run, this, THR_NEW_LWP | THR_JOINABLE, nullptr,
-                                 &m_hThread, 0) != -1;
+    : m_Settings(settings),
+      m_Notify(std::move(notify)),
+      m_Wake(m_Lock),
+      m_Socket(settings.host, settings.port, settings.tcp, kNetworkWaitMs) {
+  m_bStarted = toviport::StartThread(&SyslogForwarder::Run, this, m_hThread);
 }
 
 SyslogForwarder::~SyslogForwarder() {
@@ -113,8 +112,8 @@ void SyslogForwarder::Stop() {
     m_nStopDeadlineMs = toviport::SteadyMs() + kStopWindowMs;
     m_Wake.signal();
   }
-  if (m_bStarted) ACE_Thread::join(m_hThread, nullptr);
-  Disconnect();
+  if (m_bStarted) toviport::JoinThread(m_hThread);
+  m_Socket.Close();
 }
 
 void* SyslogForwarder::Run(void* arg) {
@@ -133,59 +132,28 @@ void SyslogForwarder::Notify(const std::string& line) {
 }
 
 bool SyslogForwarder::Connect() {
-  if (m_bConnected) return true;
-  std::string error;
-  if (!m_bResolved && m_Address.set(m_Settings.port, m_Settings.host.c_str()) != 0) {
-    error = "cannot resolve syslog collector host \"" + m_Settings.host + "\"";
-  } else {
-    m_bResolved = true;
-    if (m_Settings.tcp) {
-      ACE_SOCK_Connector connector;
-      if (connector.connect(m_Stream, m_Address, &kNetworkWait) == 0) m_bConnected = true;
-    } else {
-      const ACE_INET_Addr any(static_cast<unsigned short>(0), "0.0.0.0", m_Address.get_type());
-      if (m_Dgram.open(any, m_Address.get_type()) == 0) m_bConnected = true;
-    }
-    if (!m_bConnected) error = "cannot reach syslog collector " + m_Settings.host + ":" +
-                               std::to_string(m_Settings.port);
-  }
-  if (m_bConnected) {
+  const toviport::CollectorSocket::OpenResult opened = m_Socket.Open();
+  if (opened == toviport::CollectorSocket::OpenResult::Open) {
     m_nBackOffMs = 0;
     m_strLastError.clear();
     return true;
   }
+  const std::string error =
+      opened == toviport::CollectorSocket::OpenResult::Unresolved
+          ? "cannot resolve syslog collector host \"" + m_Settings.host + "\""
+          : "cannot reach syslog collector " + m_Settings.host + ":" +
+                std::to_string(m_Settings.port);
   // Said once per kind of failure, not once per attempt.
   if (error != m_strLastError) Notify(error);
   m_strLastError = error;
   return false;
 }
 
-void SyslogForwarder::Disconnect() {
-  if (!m_bConnected) return;
-  if (m_Settings.tcp) {
-    m_Stream.close();
-  } else {
-    m_Dgram.close();
-  }
-  m_bConnected = false;
-}
-
-bool SyslogForwarder::PeerClosed() {
-  // A collector that died has closed its end; without this look, the first
-  // send after its death would seem to succeed and its messages be lost.
-  char byte;
-  const ssize_t n = m_Stream.recv(&byte, 1, MSG_PEEK | MSG_DONTWAIT);
-  return n == 0 || (n < 0 && errno != EAGAIN && errno != EWOULDBLOCK);
-}
-
 bool SyslogForwarder::Send(const std::string& chunk, std::size_t& offset) {
   if (m_Settings.tcp) {
-    if (PeerClosed()) return false;
+    if (m_Socket.PeerClosed()) return false;
     std::size_t sent = 0;
-    // MSG_NOSIGNAL: a collector that went away must not end the process.
-    const bool whole = m_Stream.send_n(chunk.data() + offset, chunk.size() - offset, MSG_NOSIGNAL,
-                                       &kNetworkWait, &sent) ==
-                       static_cast<ssize_t>(chunk.size() - offset);
+    const bool whole = m_Socket.SendStream(chunk.data() + offset, chunk.size() - offset, sent);
     // A frame cut by the failure goes again, whole, on the next connection.
     const std::size_t reached = offset + sent;
     for (std::size_t begin, length, next; offset < reached;) {
@@ -197,9 +165,7 @@ bool SyslogForwarder::Send(const std::string& chunk, std::size_t& offset) {
   for (std::size_t begin, length, next;
        offset < chunk.size() && syslogmessage::NextFrame(chunk, offset, begin, length, next);
        offset = next) {
-    if (m_Dgram.send(chunk.data() + begin, length, m_Address) != static_cast<ssize_t>(length)) {
-      return false;
-    }
+    if (!m_Socket.SendDatagram(chunk.data() + begin, length)) return false;
   }
   return true;
 }
@@ -207,11 +173,11 @@ bool SyslogForwarder::Send(const std::string& chunk, std::size_t& offset) {
 void SyslogForwarder::BackOff() {
   m_nBackOffMs = m_nBackOffMs == 0 ? kFirstBackOffMs : m_nBackOffMs * 2;
   if (m_nBackOffMs > kLastBackOffMs) m_nBackOffMs = kLastBackOffMs;
-  ACE_Time_Value until = ACE_OS::gettimeofday();
-  until += ACE_Time_Value(0, static_cast<suseconds_t>(m_nBackOffMs) * 1000);
+  ACE_Time_Value until = toviport::DeadlineAfterMs(m_nBackOffMs);
+  const int64_t end = toviport::SteadyMs() + m_nBackOffMs;
   // New messages do not cut the pause short; only a stop does.
   ACE_Guard<ACE_Thread_Mutex> guard(m_Lock);
-  while (!m_bStopping && ACE_OS::gettimeofday() < until) m_Wake.wait(&until);
+  while (!m_bStopping && toviport::SteadyMs() < end) m_Wake.wait(&until);
 }
 
 void SyslogForwarder::Loop() {
@@ -248,7 +214,7 @@ void SyslogForwarder::Loop() {
       if (!sent && m_bStopping) return;
     }
     if (!sent) {
-      Disconnect();
+      m_Socket.Close();
       BackOff();
       continue;
     }

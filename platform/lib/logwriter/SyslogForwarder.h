@@ -18,10 +18,10 @@
 #include <string>
 
 #include <ace/Condition_Thread_Mutex.h>
-#include <ace/INET_Addr.h>
-#include <ace/SOCK_Dgram.h>
-#include <ace/SOCK_Stream.h>
 #include <ace/Thread_Mutex.h>
+
+#include "port/CollectorSocket.h"
+#include "port/ToviPort.h"
 
 class SyslogForwarder {
 public:
@@ -70,8 +70,6 @@ private:
   static void* Run(void* arg);
   void Loop();
   bool Connect();
-  bool PeerClosed();
-  void Disconnect();
   // Sends the frames of chunk from offset on; offset ends past the last
   // frame that went out whole.
   bool Send(const std::string& chunk, std::size_t& offset);
@@ -99,15 +97,11 @@ private:
   int64_t m_nStopDeadlineMs = 0;
 
   // The thread's own.
-  ACE_INET_Addr m_Address;
-  bool m_bResolved = false;
-  ACE_SOCK_Stream m_Stream;
-  ACE_SOCK_Dgram m_Dgram;
-  bool m_bConnected = false;
+  toviport::CollectorSocket m_Socket;
   unsigned m_nBackOffMs = 0;
   std::string m_strLastError;
   bool m_bStarted = false;
-  ACE_hthread_t m_hThread{};
+  toviport::ThreadHandle m_hThread{};
 };
 
 #endif

@@ -49,11 +49,10 @@ std::string LevelName(ToviLogLevel level) {
 const char* ZoneOffset() {
   thread_local time_t second = -1;
   thread_local char text[16] = "+00:00";
-  const time_t now = std::time(nullptr);
+  const time_t now = static_cast<time_t>(toviport::CurrentTime());
   if (now == second) return text;
   second = now;
-  std::tm local{};
-  localtime_r(&now, &local);
+  const std::tm local = toviport::LocalTime(now);
   const long offset = local.tm_gmtoff;
   const int minutes = static_cast<int>((offset < 0 ? -offset : offset) / 60 % (24 * 60));
   std::snprintf(text, sizeof text, "%c%02d:%02d", offset < 0 ? '-' : '+', minutes / 60,

@@ -1,11 +1,9 @@
 // TimeStamp.cpp - the per-thread cache of the current second's text.
 #include "logwriter/TimeStamp.h"
 
+#include <cstdio>
 #include <cstring>
 #include <ctime>
-
-#include <ace/OS_NS_stdio.h>
-#include <ace/OS_NS_time.h>
 
 #include "port/ToviPort.h"
 
@@ -23,11 +21,10 @@ thread_local SecondText t_second __attribute__((tls_model("initial-exec")));
 
 // The seconds part exactly as ACE::timestamp formats it.
 void FormatSecond(time_t second, SecondText& cache) {
-  std::tm local{};
-  ACE_OS::localtime_r(&second, &local);
-  ACE_OS::snprintf(cache.text, sizeof cache.text, "%4.4d-%2.2d-%2.2d %2.2d:%2.2d:%2.2d",
-                   local.tm_year + 1900, local.tm_mon + 1, local.tm_mday, local.tm_hour,
-                   local.tm_min, local.tm_sec);
+  const std::tm local = toviport::LocalTime(second);
+  std::snprintf(cache.text, sizeof cache.text, "%4.4d-%2.2d-%2.2d %2.2d:%2.2d:%2.2d",
+                local.tm_year + 1900, local.tm_mon + 1, local.tm_mday, local.tm_hour,
+                local.tm_min, local.tm_sec);
   cache.second = second;
   // A year beyond four digits makes a longer text; it is never cached.
   cache.valid = std::strlen(cache.text) == kSecondLength;
@@ -44,7 +41,7 @@ void Format(time_t second, long microseconds, char* out) {
   if (!cache.valid || cache.second != second) FormatSecond(second, cache);
   if (!cache.valid) {
     char longer[64];
-    ACE_OS::snprintf(longer, sizeof longer, "%s.%06ld", cache.text, microseconds);
+    std::snprintf(longer, sizeof longer, "%s.%06ld", cache.text, microseconds);
     std::memcpy(out, longer, kLength);
     out[kLength] = '\0';
     return;
