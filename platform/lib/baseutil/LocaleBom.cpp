@@ -29,5 +29,5 @@ void TOVIInsertBOM(std::ofstream& file) {
 }
 
 void TOVIInsertBOM(FILE* file) {
-  if (TOVIIsGlobalVersion() && file != nullptr) toviport::PutString(kUtf8Bom, file);
+  if (TOVIIsGlobalVersion()) toviport::WriteToStream(file, kUtf8Bom);
 }

@@ -7,10 +7,10 @@
 // use may both read the file; they store the same values.
 #include <atomic>
 #include <cstdarg>
+#include <cstdio>
 
 #include "ToviBaseUtil.h"
 #include "baseutil/OutputSwitches.h"
-#include "port/ToviPort.h"
 
 namespace {
 constexpr std::size_t kFormatBufSize = 2048;
@@ -50,7 +50,7 @@ void ToviOutputFrmtString(const char* format, ...) {
   if (format != nullptr) {
     va_list args;
     va_start(args, format);
-    const int n = toviport::VFormat(text, sizeof text, format, args);
+    const int n = std::vsnprintf(text, sizeof text, format, args);
     va_end(args);
     if (n < 0 || static_cast<std::size_t>(n) > kMaxFormatted) text[kMaxFormatted] = '\0';
   }

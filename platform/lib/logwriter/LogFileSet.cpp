@@ -8,7 +8,6 @@
 // record by record: a file ends with the record that took it past its limit.
 #include "logwriter/LogFileSet.h"
 
-#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -141,7 +140,8 @@ bool LogFileSet::Write(const char* data, std::size_t size) {
 bool LogFileSet::Flush() {
   if (m_fd < 0 || m_batch.empty()) return !m_failed;
   std::size_t written = 0;
-  if (toviport::WriteAll(m_fd, m_batch.data(), m_batch.size(), written)) {
+  const int error = toviport::WriteAll(m_fd, m_batch.data(), m_batch.size(), written);
+  if (error == 0) {
     m_flushedBytes += static_cast<int64_t>(written);
     m_recordsSinceCheck += m_batchRecords;
     m_batch.clear();
@@ -151,7 +151,7 @@ bool LogFileSet::Flush() {
   }
   // The batch holds whole records only; cutting back to its start leaves no
   // torn record, and the batch waits for the next file.
-  m_writeError = errno;
+  m_writeError = error;
   toviport::CutFile(m_fd, m_flushedBytes);
   m_bytes = m_flushedBytes + static_cast<int64_t>(m_batch.size());
   m_failed = true;

@@ -20,7 +20,6 @@
 #include <ace/OS_NS_dirent.h>
 #include <ace/OS_NS_sys_time.h>
 #include <ace/OS_NS_time.h>
-#include <ace/OS_NS_unistd.h>
 #include <ace/Thread.h>
 #include <ace/Time_Value.h>
 
@@ -36,23 +35,23 @@ bool PathExists(const char* path) {
   return ::access(path, F_OK) == 0;
 }
 
-static bool MakeOneLevel(const std::string& path) {
-  if (::mkdir(path.c_str(), 0777) == 0) return true;
+static int MakeOneLevel(const std::string& path) {
   // EEXIST also covers a creator that won the race.
-  return errno == EEXIST;
+  if (::mkdir(path.c_str(), 0777) == 0 || errno == EEXIST) return 0;
+  return errno;
 }
 
-bool MakeDirTree(const char* path) {
-  if (path == nullptr || *path == '\0') return false;
+int MakeDirTree(const char* path) {
+  if (path == nullptr || *path == '\0') return EINVAL;
   const std::string full(path);
   // Each "/" that follows a name ends a parent; doubled and leading slashes
   // name no new level.
   for (std::size_t i = 1; i < full.size(); ++i) {
     if (full[i] != '/' || full[i - 1] == '/') continue;
-    if (!MakeOneLevel(full.substr(0, i))) return false;
+    if (const int error = MakeOneLevel(full.substr(0, i))) return error;
   }
-  if (full.back() == '/') return PathExists(path);
-  return MakeOneLevel(full);
+  if (full.back() != '/') return MakeOneLevel(full);
+  return ::access(path, F_OK) == 0 ? 0 : errno;
 }
 
 bool GetFileStatus(const char* path, FileStatus& status) {
@@ -96,13 +95,14 @@ long MaxNameLength(const std::string& dir) {
   }
 }
 
-CreateResult CreateNewFile(const std::string& path, int& fd) {
+CreateResult CreateNewFile(const std::string& path, int& fd, int* error) {
   fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
   if (fd >= 0) return CreateResult::Created;
+  if (error != nullptr) *error = errno;
   return errno == EEXIST ? CreateResult::Exists : CreateResult::Failed;
 }
 
-bool WriteAll(int fd, const char* data, std::size_t size, std::size_t& written) {
+int WriteAll(int fd, const char* data, std::size_t size, std::size_t& written) {
   written = 0;
   while (written < size) {
     const ssize_t n = ::write(fd, data + written, size - written);
@@ -111,10 +111,9 @@ bool WriteAll(int fd, const char* data, std::size_t size, std::size_t& written) 
       continue;
     }
     if (n < 0 && errno == EINTR) continue;
-    if (n == 0) errno = EIO;
-    return false;
+    return n == 0 ? EIO : errno;
   }
-  return true;
+  return 0;
 }
 
 void CloseFile(int fd) {
@@ -139,15 +138,16 @@ LockResult OpenLocked(const std::string& path, int& fd) {
 long ReadSome(int fd, char* buffer, std::size_t size) {
   for (;;) {
     const ssize_t n = ::read(fd, buffer, size);
-    if (n >= 0 || errno != EINTR) return static_cast<long>(n);
+    if (n >= 0) return static_cast<long>(n);
+    if (errno != EINTR) return -static_cast<long>(errno);
   }
 }
 
-int RenameFile(const char* from, const char* to) { return std::rename(from, to) == 0 ? 0 : -1; }
+int RenameFile(const char* from, const char* to) { return ::rename(from, to) == 0 ? 0 : errno; }
 
-bool CutFile(int fd, int64_t size) {
-  if (::ftruncate(fd, static_cast<off_t>(size)) != 0) return false;
-  return ::lseek(fd, static_cast<off_t>(size), SEEK_SET) == static_cast<off_t>(size);
+int CutFile(int fd, int64_t size) {
+  if (::ftruncate(fd, static_cast<off_t>(size)) != 0) return errno;
+  return ::lseek(fd, static_cast<off_t>(size), SEEK_SET) == static_cast<off_t>(size) ? 0 : errno;
 }
 
 int OpenFileLinks(int fd) {
@@ -157,8 +157,8 @@ int OpenFileLinks(int fd) {
 }
 
 int RemoveFile(const char* path) {
-  if (path == nullptr) return -1;
-  return std::remove(path);
+  if (path == nullptr) return EINVAL;
+  return ::unlink(path) == 0 ? 0 : errno;
 }
 
 int RunCommand(const char* command) { return std::system(command); }
@@ -170,10 +170,6 @@ bool OpenTextInput(std::ifstream& in, const std::string& path) {
   if (GetFileStatus(path.c_str(), status) && status.isDirectory) return false;
   in.open(path.c_str(), std::ios::in);
   return in.is_open();
-}
-
-int VFormat(char* buf, std::size_t size, const char* format, va_list args) {
-  return std::vsnprintf(buf, size, format, args);
 }
 
 bool ListDirectory(const std::string& dir, std::vector<std::string>& names) {
@@ -207,10 +203,6 @@ ACE_Time_Value DeadlineAfterMs(unsigned milliseconds) {
   ACE_Time_Value wait;
   wait.msec(static_cast<long>(milliseconds));
   return ACE_OS::gettimeofday() + wait;
-}
-
-std::size_t FormatTime(char* buf, std::size_t size, const char* format, const std::tm& when) {
-  return std::strftime(buf, size, format, &when);
 }
 
 namespace {
@@ -247,18 +239,23 @@ bool StartThread(ThreadEntry entry, void* arg, ThreadHandle& handle) {
 
 void JoinThread(ThreadHandle handle) { ACE_Thread::join(handle, nullptr); }
 
-void SleepMs(unsigned milliseconds) {
-  ACE_Time_Value delay;
-  delay.msec(static_cast<long>(milliseconds));
-  ACE_OS::sleep(delay);
-}
-
 void SleepUs(unsigned microseconds) {
-  ACE_Time_Value delay(0, static_cast<suseconds_t>(microseconds));
-  ACE_OS::sleep(delay);
+  struct timespec left;
+  left.tv_sec = static_cast<time_t>(microseconds / 1000000);
+  left.tv_nsec = static_cast<long>(microseconds % 1000000) * 1000;
+  while (::nanosleep(&left, &left) != 0 && errno == EINTR) {
+  }
 }
 
-int PutString(const char* text, FILE* file) { return std::fputs(text, file); }
+void SleepMs(unsigned milliseconds) {
+  for (; milliseconds > 1000; milliseconds -= 1000) SleepUs(1000000);
+  SleepUs(milliseconds * 1000);
+}
+
+int WriteToStream(FILE* file, const char* text) {
+  if (file == nullptr || text == nullptr) return EINVAL;
+  return std::fputs(text, file) >= 0 ? 0 : errno;
+}
 
 int ConsolePrintf(const char* format, ...) {
   va_list args;

@@ -3,11 +3,12 @@
 // The rest of the library asks for runtime and system services only through
 // these functions, so their semantics (what counts as "exists", how a
 // directory tree is made, what a thread id is) are decided here and nowhere
-// else. Paths are plain data: nothing here hands one to a shell.
+// else. A failure comes back as its errno value (0: success), so that
+// callers can say why. Paths are plain data: nothing here hands one to a
+// shell except RunCommand, whose caller asked for exactly that.
 #ifndef TOVI_PORT_H
 #define TOVI_PORT_H
 
-#include <cstdarg>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -29,8 +30,8 @@ bool PathExists(const char* path);
 
 // Creates the directory and every missing parent with the system's own
 // calls. Components that exist already, or that another creator makes at the
-// same moment, are fine. True when the directory exists afterwards.
-bool MakeDirTree(const char* path);
+// same moment, are fine. 0 when the directory exists afterwards.
+int MakeDirTree(const char* path);
 
 struct FileStatus {
   bool isRegular = false;
@@ -51,13 +52,14 @@ long MaxNameLength(const std::string& dir);
 
 // Creates a new, empty file and never touches an existing one: Exists when
 // something of that name is there already, Failed for every other reason.
-// On Created, fd holds the file opened for writing.
+// On Created, fd holds the file opened for writing; on Failed, error says
+// why.
 enum class CreateResult { Created, Exists, Failed };
-CreateResult CreateNewFile(const std::string& path, int& fd);
+CreateResult CreateNewFile(const std::string& path, int& fd, int* error = nullptr);
 
-// Writes all of data, going on after short writes and interruptions. False
-// on the first failure (errno kept); written says how much got through.
-bool WriteAll(int fd, const char* data, std::size_t size, std::size_t& written);
+// Writes all of data, going on after short writes and interruptions; 0, or
+// the errno of the first failure. written says how much got through.
+int WriteAll(int fd, const char* data, std::size_t size, std::size_t& written);
 
 void CloseFile(int fd);
 
@@ -73,23 +75,22 @@ LockResult LockOpenFile(int fd);
 // (gone, say, or not lockable).
 LockResult OpenLocked(const std::string& path, int& fd);
 
-// read() that goes on after interruptions: bytes read, 0 at the end, -1 on
-// error (errno kept).
+// read() that goes on after interruptions: bytes read, 0 at the end, minus
+// the errno on error.
 long ReadSome(int fd, char* buffer, std::size_t size);
 
-// Renames within one file system, replacing a file of the new name; 0 on
-// success, -1 otherwise (errno kept).
+// Renames within one file system, replacing a file of the new name.
 int RenameFile(const char* from, const char* to);
 
 // Cuts an open file back to size bytes and places the file offset there, so
-// that the next write continues at the cut; false on error (errno kept).
-bool CutFile(int fd, int64_t size);
+// that the next write continues at the cut.
+int CutFile(int fd, int64_t size);
 
 // How many directory entries name the open file: 0 once it has been removed
 // (with its directory, say), -1 when it cannot be read.
 int OpenFileLinks(int fd);
 
-// Removes a file; 0 on success.
+// Removes a file (never a directory).
 int RemoveFile(const char* path);
 
 // Runs a command line through the system's command processor.
@@ -97,10 +98,6 @@ int RunCommand(const char* command);
 
 // Opens a text file for reading; a directory or an unopenable path fails.
 bool OpenTextInput(std::ifstream& in, const std::string& path);
-
-// vsnprintf: writes at most size-1 characters and a NUL; returns the length
-// the complete text would have, or a negative value on a formatting error.
-int VFormat(char* buf, std::size_t size, const char* format, va_list args);
 
 // The names in a directory, "." and ".." left out; false when it cannot be
 // listed.
@@ -117,9 +114,6 @@ std::tm LocalTime(int64_t seconds);
 // The absolute time, on the clock that ACE's timed waits use, that lies
 // milliseconds from now.
 ACE_Time_Value DeadlineAfterMs(unsigned milliseconds);
-
-// strftime into a caller's buffer; 0 when the result does not fit.
-std::size_t FormatTime(char* buf, std::size_t size, const char* format, const std::tm& when);
 
 // The kernel's id of the calling thread (remembered per thread, since the
 // trace path asks for it on every call) and the id of the process.
@@ -141,12 +135,13 @@ typedef ACE_hthread_t ThreadHandle;
 bool StartThread(ThreadEntry entry, void* arg, ThreadHandle& handle);
 void JoinThread(ThreadHandle handle);
 
-// Suspends the calling thread.
+// Suspends the calling thread for the whole time, signals or not.
 void SleepMs(unsigned milliseconds);
 void SleepUs(unsigned microseconds);
 
-// fputs and printf on the process's own streams.
-int PutString(const char* text, FILE* file);
+// Puts text on a stdio stream; EINVAL for a null stream.
+int WriteToStream(FILE* file, const char* text);
+// printf on the process's standard output.
 int ConsolePrintf(const char* format, ...) __attribute__((format(printf, 1, 2)));
 // Puts text on the process's standard output, past the stream's buffer,
 // waiting at most waitMs in all for the output to take it: a pipe that

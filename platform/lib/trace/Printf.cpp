@@ -4,6 +4,7 @@
 // refused whole rather than cut.
 #include <cerrno>
 #include <cstdarg>
+#include <cstdio>
 
 #include "ToviDebugMgr.h"
 #include "ToviInterString.h"
@@ -20,7 +21,7 @@ bool TraceFormatted(ToviDebugMgr& manager, const std::string& subModule, ToviLog
                     const char* format, va_list args) {
   char text[kFormatBufSize];
   if (format == nullptr) return false;
-  const int n = toviport::VFormat(text, sizeof text, format, args);
+  const int n = std::vsnprintf(text, sizeof text, format, args);
   if (n < 1 || static_cast<std::size_t>(n) >= kFormatBufSize) return false;
   manager.Trace(subModule, level, text, nullptr, false, false);
   return true;
