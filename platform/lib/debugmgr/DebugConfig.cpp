@@ -12,16 +12,14 @@
 #include "ToviBaseUtil.h"
 #include "ToviDebugMgr.h"
 #include "baseutil/ConfigReader.h"
+#include "debugmgr/ConfigKeys.h"
 #include "debugmgr/DebugConfig.h"
 #include "port/ToviPort.h"
 
 namespace {
 constexpr int64_t kMiB = 1048576;
 constexpr int kMaskBufSize = 2048;
-const char kLevelDefault[] = "1100";
-const char kDebugOutputDefault[] = "0100";
-const char kOutputDefault[] = "1100";
-
+using namespace configkeys;
 
 std::bitset<32> MaskOr(const std::string& text, const char* fallback) {
   std::bitset<32> mask;
@@ -34,32 +32,32 @@ std::bitset<32> Mask(const char* text) { return MaskOr(text, text); }
 class SettingReader {
 public:
   SettingReader(const std::string& debugFile, const std::string& productFile)
-      : debug_(debugFile), product_(productFile), useProduct_(productFile != debugFile) {}
+      : m_debugFile(debugFile), m_productFile(productFile), m_useProduct(productFile != debugFile) {}
 
   // The number of key from the debug file, else from the product file.
   bool Int(const char* key, int& value) const {
-    if (ToviGetCfgInt(key, value, debug_.c_str())) return true;
-    return useProduct_ && ToviGetCfgInt(key, value, product_.c_str());
+    if (ToviGetCfgInt(key, value, m_debugFile.c_str())) return true;
+    return m_useProduct && ToviGetCfgInt(key, value, m_productFile.c_str());
   }
 
-  int IntOr(const char* key, int fallback) const {
+  int IntOr(const NumberKey& key) const {
     int value = 0;
-    return Int(key, value) ? value : fallback;
+    return Int(key.name, value) ? value : key.fallback;
   }
 
   std::string StringOr(const char* key, const char* fallback) const {
     char value[kMaskBufSize];
     int len = kMaskBufSize;
-    if (ToviGetCfgString(key, value, len, debug_.c_str())) return value;
+    if (ToviGetCfgString(key, value, len, m_debugFile.c_str())) return value;
     len = kMaskBufSize;
-    if (useProduct_ && ToviGetCfgString(key, value, len, product_.c_str())) return value;
+    if (m_useProduct && ToviGetCfgString(key, value, len, m_productFile.c_str())) return value;
     return fallback;
   }
 
 private:
-  std::string debug_;
-  std::string product_;
-  bool useProduct_;
+  std::string m_debugFile;
+  std::string m_productFile;
+  bool m_useProduct;
 };
 
 // Megabytes to bytes. A count whose bytes do not fit saturates, so that the
@@ -96,26 +94,28 @@ void ToviDebugMgr::GetCfgItem(const std::string& strDebugCfgFile, int& nFiltLogB
   }
   const SettingReader settings(file, ToviGetDefaultCfgFile());
 
-  nFiltLogBufSize = settings.IntOr("nFiltLogBufSize", 100);
-  nMaxFileNum = settings.IntOr("nMaxFileNum", 50);
+  nFiltLogBufSize = settings.IntOr(kFiltLogBufSize);
+  nMaxFileNum = settings.IntOr(kMaxFileNum);
   int mebibytes = 0;
-  nEachFileMaxSize = settings.Int("nEachFileMaxSize", mebibytes) ? MebibytesToBytes(mebibytes)
-                                                                   : static_cast<int>(5 * kMiB);
-  nEachProcessMaxZipNum = settings.IntOr("nEachProcessMaxZipNum", 10);
-  nZipFileIncludeFileNum = settings.IntOr("nZipFileIncludeFileNum", 10);
+  nEachFileMaxSize = settings.Int(kEachFileMaxSize.name, mebibytes) ? MebibytesToBytes(mebibytes)
+                                                                      : kEachFileMaxSize.fallback;
+  nEachProcessMaxZipNum = settings.IntOr(kEachProcessMaxZipNum);
+  nZipFileIncludeFileNum = settings.IntOr(kZipFileIncludeFileNum);
 
-  items["debug"] = {MaskOr(settings.StringOr("debug_level", kLevelDefault), kLevelDefault),
-                    MaskOr(settings.StringOr("debug_output", kDebugOutputDefault),
-                           kDebugOutputDefault)};
+  const std::string defaults(kDefaultSubModule);
+  items[defaults] = {
+      MaskOr(settings.StringOr((defaults + kLevelSuffix).c_str(), kLevelDefault), kLevelDefault),
+      MaskOr(settings.StringOr((defaults + kOutputSuffix).c_str(), kDefaultModuleOutput),
+             kDefaultModuleOutput)};
 
   std::map<std::string, std::string> levels;
   std::map<std::string, std::string> outputs;
-  LoadCfgFileToMap(levels, file, "_level");
-  LoadCfgFileToMap(outputs, file, "_output");
+  LoadCfgFileToMap(levels, file, kLevelSuffix);
+  LoadCfgFileToMap(outputs, file, kOutputSuffix);
   // A "_level" entry replaces the whole entry, "debug" included; only an
   // "_output" key of the same file sets its output mask again.
   for (const auto& level : levels) {
-    items[level.first] = {MaskOr(level.second, kLevelDefault), Mask(kDebugOutputDefault)};
+    items[level.first] = {MaskOr(level.second, kLevelDefault), Mask(kDefaultModuleOutput)};
   }
   for (const auto& output : outputs) {
     const std::bitset<32> mask = MaskOr(output.second, kOutputDefault);

@@ -13,26 +13,12 @@
 #include "ToviBaseUtil.h"
 #include "ToviDebugMgr.h"
 #include "debugmgr/CallGate.h"
+#include "debugmgr/ConfigKeys.h"
 #include "debugmgr/NameRules.h"
 #include "logwriter/ToviLogWriter.h"
 #include "port/ToviPort.h"
 
 namespace {
-struct Range {
-  int low;
-  int high;
-  int fallback;
-};
-const Range kFiltLogBufSize{0, 1000, 100};
-const Range kMaxFileNum{0, 100, 50};
-const Range kEachFileMaxSize{1048576, 52428800, 5242880};
-const Range kEachProcessMaxZipNum{1, 50, 10};
-const Range kZipFileIncludeFileNum{1, 50, 10};
-
-int Clamp(int value, const Range& range) {
-  return value < range.low || value > range.high ? range.fallback : value;
-}
-
 // A configured mask above 4369 ("1111" read as hexadecimal digits) keeps only
 // its four lowest bits; 4369 and below stay whole.
 std::bitset<32> BoundMask(const std::bitset<32>& mask) {
@@ -73,13 +59,14 @@ bool ToviDebugMgr::Init(const std::string& strName, const std::string& strDebugC
   ToviModuleMasks modules;
   GetCfgItem(strDebugCfgFile, filt, maxFiles, fileSize, zipNum, zipInclude, modules);
 
-  zipNum = Clamp(zipNum, kEachProcessMaxZipNum);
+  using configkeys::InRangeOrFallback;
+  zipNum = InRangeOrFallback(zipNum, configkeys::kEachProcessMaxZipNum);
   if (strName == "TOVIMrb_p2_") zipNum *= 5;
-  m_nFiltLogBufSize = Clamp(filt, kFiltLogBufSize);
-  m_nMaxFileNum = Clamp(maxFiles, kMaxFileNum);
-  m_nEachFileMaxSize = Clamp(fileSize, kEachFileMaxSize);
+  m_nFiltLogBufSize = InRangeOrFallback(filt, configkeys::kFiltLogBufSize);
+  m_nMaxFileNum = InRangeOrFallback(maxFiles, configkeys::kMaxFileNum);
+  m_nEachFileMaxSize = InRangeOrFallback(fileSize, configkeys::kEachFileMaxSize);
   m_nEachProcessMaxZipNum = zipNum;
-  m_nZipFileIncludeFileNum = Clamp(zipInclude, kZipFileIncludeFileNum);
+  m_nZipFileIncludeFileNum = InRangeOrFallback(zipInclude, configkeys::kZipFileIncludeFileNum);
 
   for (const auto& module : modules) {
     RegSubModuleInfo_i(module.first, BoundMask(module.second.first),

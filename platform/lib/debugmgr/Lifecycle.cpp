@@ -10,6 +10,7 @@
 #include "ToviDebugEngine.h"
 #include "ToviDebugMgr.h"
 #include "debugmgr/CallGate.h"
+#include "debugmgr/ConfigKeys.h"
 #include "debugmgr/SubModuleIndex.h"
 #include "debugmgr/SubModuleInfo.h"
 #include "logwriter/SyslogForwarder.h"
@@ -26,7 +27,7 @@ ToviDebugMgr::ToviDebugMgr()
       m_bTraceOff(false),
       m_pDebugEngine(nullptr),
       m_pMainWriter(nullptr),
-      m_pSubModuleIndex(new (std::nothrow) SubModuleIndex("debug")),
+      m_pSubModuleIndex(new (std::nothrow) SubModuleIndex(configkeys::kDefaultSubModule)),
       m_nDefLogLevel(LEVEL_INFO),
       m_pSyslogForwarder(nullptr) {}
 

@@ -11,11 +11,12 @@
 
 #include "ToviDebugMgr.h"
 #include "debugmgr/CallGate.h"
+#include "debugmgr/ConfigKeys.h"
 #include "debugmgr/SubModuleIndex.h"
 #include "debugmgr/SubModuleInfo.h"
 
 namespace {
-const char kDefaultSubModule[] = "debug";
+using configkeys::kDefaultSubModule;
 
 bool ValidBit(int n) { return n >= 0 && n <= 31; }
 
