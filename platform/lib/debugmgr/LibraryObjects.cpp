@@ -23,7 +23,15 @@ bool TraceLibraryMessage(const char* text, bool bPrint, bool bLog) {
   if (manager == nullptr) return false;
   return manager->Trace(g_strLibrarySubModule, LEVEL_INFO, text, nullptr, bPrint, bLog);
 }
-const bool g_sinkInstalled = (SetLibraryMessageSink(&TraceLibraryMessage), true);
+// Installed at load; taken out again at unload, before the name it traces
+// under is destroyed.
+struct SinkLifetime {
+  SinkLifetime() { SetLibraryMessageSink(&TraceLibraryMessage); }
+  ~SinkLifetime() { SetLibraryMessageSink(nullptr); }
+  SinkLifetime(const SinkLifetime&) = delete;
+  SinkLifetime& operator=(const SinkLifetime&) = delete;
+};
+SinkLifetime g_sinkLifetime;
 
 // ACE is initialised for as long as the library is loaded.
 struct AceLifetime {

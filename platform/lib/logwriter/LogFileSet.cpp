@@ -45,9 +45,9 @@ bool LogFileSet::Create() {
   bool named = false;
   int64_t nameTime = now > m_lastNameTime ? now : m_lastNameTime + 1;
   for (int attempt = 0; attempt < kNameAttempts; ++attempt, ++nameTime) {
-    char stamp[logfilenames::kTimeLength + 1];
+    char stamp[32];
     const std::tm local = toviport::LocalTime(nameTime);
-    std::strftime(stamp, sizeof stamp, "%Y%m%d_%H%M%S", &local);
+    if (std::strftime(stamp, sizeof stamp, "%Y%m%d_%H%M%S", &local) == 0) return false;
     m_path = m_settings.dir + m_settings.prefix + stamp + logfilenames::kPlainSuffix;
     if (toviport::PathExists((m_path + logfilenames::kArchiveSuffix).c_str())) continue;
 
@@ -81,7 +81,7 @@ bool LogFileSet::Create() {
   if (TOVIIsGlobalVersion()) WriteText(kUtf8Bom);
   // The creation line carries the true time, even when the name had to move
   // on to a later second.
-  char when[63];
+  char when[63] = "";
   const std::tm created = toviport::LocalTime(now);
   std::strftime(when, sizeof when, "time %Y-%m-%d %H:%M:%S", &created);
   char line[512];
@@ -103,10 +103,10 @@ bool LogFileSet::Create() {
 
 void LogFileSet::Close() {
   if (m_fd < 0) return;
-  char when[128];
+  char when[511] = "";
   const std::tm local = toviport::LocalTime(toviport::CurrentTime());
   std::strftime(when, sizeof when, "%Z %Y-%m-%d %H:%M:%S", &local);
-  char line[512];
+  char line[sizeof when + 16];
   std::snprintf(line, sizeof line, "File close at %s\n", when);
   WriteText(line);
   if (!Flush()) {

@@ -173,11 +173,16 @@ bool SyslogForwarder::Send(const std::string& chunk, std::size_t& offset) {
 void SyslogForwarder::BackOff() {
   m_nBackOffMs = m_nBackOffMs == 0 ? kFirstBackOffMs : m_nBackOffMs * 2;
   if (m_nBackOffMs > kLastBackOffMs) m_nBackOffMs = kLastBackOffMs;
-  ACE_Time_Value until = toviport::DeadlineAfterMs(m_nBackOffMs);
   const int64_t end = toviport::SteadyMs() + m_nBackOffMs;
-  // New messages do not cut the pause short; only a stop does.
+  // New messages do not cut the pause short; only a stop does. The wait's
+  // deadline is on the wall clock, so it is taken afresh from the steady one
+  // each time: a clock step must neither end the pause nor spin it.
   ACE_Guard<ACE_Thread_Mutex> guard(m_Lock);
-  while (!m_bStopping && toviport::SteadyMs() < end) m_Wake.wait(&until);
+  for (int64_t left = end - toviport::SteadyMs(); !m_bStopping && left > 0;
+       left = end - toviport::SteadyMs()) {
+    ACE_Time_Value until = toviport::DeadlineAfterMs(static_cast<unsigned>(left));
+    m_Wake.wait(&until);
+  }
 }
 
 void SyslogForwarder::Loop() {

@@ -2,6 +2,7 @@
 #include "port/ToviPort.h"
 
 #include <cerrno>
+#include <cstdarg>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
@@ -20,6 +21,7 @@
 #include <ace/OS_NS_dirent.h>
 #include <ace/OS_NS_sys_time.h>
 #include <ace/OS_NS_time.h>
+#include <ace/OS_NS_unistd.h>
 #include <ace/Thread.h>
 #include <ace/Time_Value.h>
 
@@ -158,7 +160,7 @@ int OpenFileLinks(int fd) {
 
 int RemoveFile(const char* path) {
   if (path == nullptr) return EINVAL;
-  return ::unlink(path) == 0 ? 0 : errno;
+  return std::remove(path) == 0 ? 0 : errno;
 }
 
 int RunCommand(const char* command) { return std::system(command); }
@@ -239,17 +241,15 @@ bool StartThread(ThreadEntry entry, void* arg, ThreadHandle& handle) {
 
 void JoinThread(ThreadHandle handle) { ACE_Thread::join(handle, nullptr); }
 
-void SleepUs(unsigned microseconds) {
-  struct timespec left;
-  left.tv_sec = static_cast<time_t>(microseconds / 1000000);
-  left.tv_nsec = static_cast<long>(microseconds % 1000000) * 1000;
-  while (::nanosleep(&left, &left) != 0 && errno == EINTR) {
-  }
+void SleepMs(unsigned milliseconds) {
+  ACE_Time_Value delay;
+  delay.msec(static_cast<long>(milliseconds));
+  ACE_OS::sleep(delay);
 }
 
-void SleepMs(unsigned milliseconds) {
-  for (; milliseconds > 1000; milliseconds -= 1000) SleepUs(1000000);
-  SleepUs(milliseconds * 1000);
+void SleepUs(unsigned microseconds) {
+  ACE_Time_Value delay(0, static_cast<suseconds_t>(microseconds));
+  ACE_OS::sleep(delay);
 }
 
 int WriteToStream(FILE* file, const char* text) {

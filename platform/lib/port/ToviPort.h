@@ -90,7 +90,7 @@ int CutFile(int fd, int64_t size);
 // (with its directory, say), -1 when it cannot be read.
 int OpenFileLinks(int fd);
 
-// Removes a file (never a directory).
+// Removes a file (or an empty directory in its place).
 int RemoveFile(const char* path);
 
 // Runs a command line through the system's command processor.
@@ -135,7 +135,7 @@ typedef ACE_hthread_t ThreadHandle;
 bool StartThread(ThreadEntry entry, void* arg, ThreadHandle& handle);
 void JoinThread(ThreadHandle handle);
 
-// Suspends the calling thread for the whole time, signals or not.
+// Suspends the calling thread.
 void SleepMs(unsigned milliseconds);
 void SleepUs(unsigned microseconds);
 
