@@ -17,7 +17,6 @@
 #include "ToviDebugMgr.h"
 #include "WriterTestSupport.h"
 #include "logwriter/RecordBlock.h"
-#include "logwriter/ToviLogWriter.h"
 
 using namespace tovitest;
 
@@ -47,22 +46,6 @@ constexpr int kRecordsPerThread = 100000;
   ::_exit(0);
 }
 
-// A gzip file's content, or empty with ok false when zlib reports damage.
-std::string ReadWholeGz(const std::string& path, bool& ok) {
-  std::string out;
-  gzFile in = gzopen(path.c_str(), "rb");
-  ok = in != nullptr;
-  if (!ok) return out;
-  char buf[65536];
-  int n;
-  while ((n = gzread(in, buf, sizeof buf)) > 0) out.append(buf, static_cast<std::size_t>(n));
-  int error = Z_OK;
-  gzerror(in, &error);
-  ok = n == 0 && error == Z_OK;
-  gzclose(in);
-  return out;
-}
-
 }  // namespace
 
 TEST(CrashConsistency, KilledMidRunLeavesWholeFilesAndGapFreePrefixes) {
@@ -81,23 +64,20 @@ TEST(CrashConsistency, KilledMidRunLeavesWholeFilesAndGapFreePrefixes) {
     if (child == 0) TraceUntilKilled(dir.path(), accepted);
     std::this_thread::sleep_for(std::chrono::milliseconds(30 + 45 * run));
     ::kill(child, SIGKILL);
-    int status = 0;
-    ::waitpid(child, &status, 0);
+    ::waitpid(child, nullptr, 0);
     for (const std::string& name : ListDir(dir.path())) duringCompression += EndsWith(name, ".tmp");
 
     // The next start finishes what the kill interrupted.
-    { ToviLogWriter next(dir.path(), "crash", "", false, false, 10, 1u << 20, 50); }
+    NewWriter(dir.path(), "crash", "", 10, 1u << 20, 50).reset();
 
     std::vector<std::vector<int>> seen(kThreads);
     for (const std::string& name : ListDir(dir.path())) {
       EXPECT_FALSE(EndsWith(name, ".tmp")) << name;
       bool whole = true;
-      const std::string text = EndsWith(name, ".gz") ? ReadWholeGz(dir / name, whole)
-                                                     : ReadFile(dir / name);
+      const std::string text = ReadGz(dir / name, &whole);
       EXPECT_TRUE(whole) << name;
       for (const std::string& record : RecordTexts(text)) {
-        int t = -1;
-        int seq = -1;
+        int t = -1, seq = -1;
         if (std::sscanf(record.c_str(), "c INFO: t%d %d", &t, &seq) == 2 && t >= 0 && t < kThreads)
           seen[t].push_back(seq);
       }
@@ -105,9 +85,8 @@ TEST(CrashConsistency, KilledMidRunLeavesWholeFilesAndGapFreePrefixes) {
     uint64_t lost = 0;
     for (int t = 0; t < kThreads; ++t) {
       const std::size_t found = seen[t].size();
-      for (std::size_t i = 0; i < found; ++i) {
+      for (std::size_t i = 0; i < found; ++i)
         ASSERT_EQ(seen[t][i], static_cast<int>(i)) << "thread " << t << ": a gap or a repeat";
-      }
       EXPECT_LE(found, accepted[t].load() + 1) << "thread " << t;
       lost += accepted[t].load() > found ? accepted[t].load() - found : 0;
     }

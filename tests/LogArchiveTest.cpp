@@ -1,16 +1,14 @@
 // LogArchiveTest.cpp - what a writer does to its log directory: compressing
 // its newest plain log file, pruning its oldest compressed ones, sparing the
-// copy of its run's first file, and never touching anything else.
+// copy of its run's first file, finishing a compression that a crash cut
+// short, and never touching anything else.
 #include <gtest/gtest.h>
 
 #include <cctype>
 #include <ctime>
 #include <map>
-#include <memory>
-#include <utility>
 
 #include "WriterTestSupport.h"
-#include "logwriter/ToviLogWriter.h"
 
 namespace fs = std::filesystem;
 using namespace tovitest;
@@ -20,14 +18,13 @@ namespace {
 // The name that the writer with prefix "app_" gives a file made at second t.
 std::string LogName(std::time_t t) {
   std::tm local{};
-  localtime_r(&t, &local);
   char buf[64];
-  std::strftime(buf, sizeof buf, "app_%Y%m%d_%H%M%S.log", &local);
+  std::strftime(buf, sizeof buf, "app_%Y%m%d_%H%M%S.log", localtime_r(&t, &local));
   return buf;
 }
 
-// The writer's own regular files ending in `ending` (".log" or ".log.gz"),
-// sorted: the prefix, fifteen characters of time, the ending.
+// The writer's own regular files ending in `ending`, sorted: the prefix,
+// fifteen characters of time, the ending.
 std::vector<std::string> Logs(const std::string& dir, const std::string& prefix,
                               const std::string& ending) {
   std::vector<std::string> out;
@@ -50,8 +47,8 @@ std::map<std::string, std::string> Snapshot(const std::string& dir) {
   return out;
 }
 
-// Waits for the writer's plain log file that sorts after `after`; empty when
-// none shows up.
+// The writer's plain log file that sorts after `after`, once it shows up;
+// empty when none does.
 std::string WaitForLogAfter(const std::string& dir, const std::string& prefix,
                             const std::string& after) {
   std::vector<std::string> logs;
@@ -59,11 +56,9 @@ std::string WaitForLogAfter(const std::string& dir, const std::string& prefix,
   return !logs.empty() && logs.back() > after ? logs.back() : "";
 }
 
-// Runs a writer with prefix "app_" in dir until its own plain log file, the
-// first that sorts after `after`, shows up; returns that file's name, empty
-// when none does.
+// Runs a writer with prefix "app_" in dir until its own file shows up.
 std::string RunWriter(const std::string& dir, const std::string& after) {
-  ToviLogWriter writer(dir, "app_", "", false, false, 100, 1u << 20, 10);
+  auto writer = NewWriter(dir, "app_", "", 100, 1u << 20);
   return WaitForLogAfter(dir, "app_", after);
 }
 
@@ -71,13 +66,6 @@ std::string RunWriter(const std::string& dir, const std::string& after) {
 std::string OddBytes(const std::string& tag) {
   return "File create at time 2024-01-01 00:00:00.\r\n" + tag + std::string("\0\x01\xff\n", 4) +
          std::string(3000, 'x') + "\nno final line end";
-}
-
-int Gzip(const std::string& source, const std::string& target) {
-  const int fd = ::open(source.c_str(), O_RDONLY);
-  const int result = ToviLogWriter::GzipFile(fd, target);
-  if (fd >= 0) ::close(fd);
-  return result;
 }
 
 }  // namespace
@@ -92,8 +80,7 @@ TEST(LogArchive, StartCompressesTheNewestTrimsTheOldestAndTouchesNothingElse) {
                            "app_20991231_235959.LOG", "app_20991231_235959.log.bak"}) {
     WriteFile(dir / name, OddBytes(name));
   }
-  // Empty directories named like a newest plain file and an oldest
-  // compressed one, so that a stray remove() would take them.
+  // Directories named like a newest plain file and an oldest compressed one.
   fs::create_directory(dir / "app_20991231_235959.log");
   fs::create_directory(dir / "app_19990101_000000.log.gz");
   // This second and the next three are taken by plain files, one more by a
@@ -130,27 +117,29 @@ TEST(LogArchive, FailedCompressionLeavesThePlainLogAndNoTarget) {
   EXPECT_EQ(after.erase(own), 1u);
   EXPECT_EQ(after, before);
 
-  // Either side of a full 65535-byte read, so that a lost or doubled last
-  // piece shows. The bytes start with 0, not with the gzip magic: a source
-  // that looked compressed would be inflated instead of copied.
+  const auto gzip = [&](const std::string& source, const std::string& target) {
+    const int fd = ::open((dir / source).c_str(), O_RDONLY);
+    const int result = ToviLogWriter::GzipFile(fd, dir / target);
+    if (fd >= 0) ::close(fd);
+    return result;
+  };
+  // Either side of a full 65536-byte read, so that a lost or doubled last
+  // piece shows; the bytes do not start with the gzip magic.
   for (std::size_t size : {65535u, 65536u}) {
     std::string source(size, '\0');
     for (std::size_t i = 0; i < size; ++i) source[i] = static_cast<char>(i * 7919 % 251);
     WriteFile(dir / "source.log", source);
-    EXPECT_TRUE(Gzip(dir / "source.log", dir / "copy.gz") == 0 && ReadGz(dir / "copy.gz") == source &&
-                ReadFile(dir / "source.log") == source)
-        << size;
+    EXPECT_TRUE(gzip("source.log", "copy.gz") == 0 && ReadGz(dir / "copy.gz") == source) << size;
   }
-
   // A directory opens for reading and fails only at the first read, by which
   // time the target has been created; it must not stay.
   fs::create_directory(dir / "folder.log");
   fs::create_directory(dir / "taken.gz");
   const std::map<std::string, std::string> untouched = Snapshot(dir.path());
-  for (const auto& [source, target] : std::vector<std::pair<std::string, std::string>>{
-           {"missing.log", "missing.log.gz"}, {"folder.log", "folder.log.gz"},
-           {"source.log", "no/such/dir/copy.gz"}, {"source.log", "taken.gz"}}) {
-    EXPECT_EQ(Gzip(dir / source, dir / target), -1) << target;
+  for (const auto& [target, source] : std::map<std::string, std::string>{
+           {"missing.log.gz", "missing.log"}, {"folder.log.gz", "folder.log"},
+           {"no/such/dir/copy.gz", "source.log"}, {"taken.gz", "source.log"}}) {
+    EXPECT_EQ(gzip(source, target), -1) << target;
   }
   EXPECT_EQ(Snapshot(dir.path()), untouched);
 }
@@ -161,15 +150,13 @@ TEST(LogArchive, FirstFileOfTheRunIsSparedAndCountsTowardTheLimit) {
   // second files, a digit for one of ten files of an earlier run dated ahead
   // of this one, so that this run's first copy is the oldest.
   struct Case { std::string prefix; int limit; std::vector<std::string> steps; };
-  const std::vector<Case> cases = {
-      {"app_", 10, {"0123456789", "f123456789", "f123456789"}},
-      // A key cut at the first "." would match every file and spare them all.
-      {"a.b_", 10, {"0123456789", "f123456789", "f123456789"}},
-      {"app_", 1, {"9", "f", "f"}},
-      // The limit compares unsigned: a negative one removes nothing.
-      {"app_", -1, {"0123456789", "f0123456789", "fs0123456789"}},
-  };
-  for (const Case& c : cases) {
+  for (const Case& c : std::vector<Case>{
+           {"app_", 10, {"0123456789", "f123456789", "f123456789"}},
+           // A key cut at the first "." would match every file and spare them all.
+           {"a.b_", 10, {"0123456789", "f123456789", "f123456789"}},
+           {"app_", 1, {"9", "f", "f"}},
+           // The limit compares unsigned: a negative one removes nothing.
+           {"app_", -1, {"0123456789", "f0123456789", "fs0123456789"}}}) {
     SCOPED_TRACE(c.prefix + " limit " + std::to_string(c.limit));
     TempDir dir;
     std::vector<std::string> earlier;
@@ -178,22 +165,19 @@ TEST(LogArchive, FirstFileOfTheRunIsSparedAndCountsTowardTheLimit) {
       WriteGz(dir / earlier.back(), earlier.back());
     }
     // Every record with file output rolls the file over.
-    auto writer =
-        std::make_unique<ToviLogWriter>(dir.path(), c.prefix, "", false, false, 100, 1, c.limit);
+    auto writer = NewWriter(dir.path(), c.prefix, "", 100, 1, c.limit);
     std::vector<std::string> plain{""};
     for (std::size_t step = 0; step < c.steps.size(); ++step) {
+      const std::string record = "record #" + std::to_string(step) + "#";
       if (step > 0) {
-        const std::string record = "record #" + std::to_string(step) + "#";
         ASSERT_TRUE(writer->AddLog("sub", LEVEL_INFO, record.c_str(), nullptr, false, true));
       }
       plain.push_back(WaitForLogAfter(dir.path(), c.prefix, plain.back()));
       ASSERT_FALSE(plain.back().empty());
-      std::vector<std::string> expected;
-      for (char k : c.steps[step]) {
+      std::vector<std::string> expected, archives;
+      for (char k : c.steps[step])
         expected.push_back(std::isdigit(k) ? earlier[k - '0'] : plain[k == 'f' ? 1 : 2] + ".gz");
-      }
       // Roll-overs archive on a thread of their own: wait for it to finish.
-      std::vector<std::string> archives;
       WaitUntil([&] { return (archives = Logs(dir.path(), c.prefix, ".log.gz")) == expected; });
       EXPECT_EQ(archives, expected) << "after step " << step;
     }
@@ -206,7 +190,7 @@ TEST(LogArchive, ALiveFileIsNeverTakenAndACrashedCompressionIsFinishedOnce) {
   TempDir dir;
   // Two instances of one service: the second one's start must leave the
   // first one's open file alone.
-  auto first = std::make_unique<ToviLogWriter>(dir.path(), "app_", "", false, false, 100, 1u << 20, 10);
+  auto first = NewWriter(dir.path(), "app_", "", 100, 1u << 20);
   const std::string firstFile = WaitForLogAfter(dir.path(), "app_", "");
   ASSERT_FALSE(firstFile.empty());
   ASSERT_FALSE(RunWriter(dir.path(), firstFile).empty());

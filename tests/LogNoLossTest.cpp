@@ -10,29 +10,27 @@
 #include <vector>
 
 #include "WriterTestSupport.h"
-#include "logwriter/ToviLogWriter.h"
 
 using namespace tovitest;
 
 TEST(LogNoLoss, EveryRecordOnceInOrderAcrossRolledFiles) {
   constexpr int kThreads = 8, kPerThread = 20000;
   TempDir dir;
-  {
-    ToviLogWriter writer(dir.path(), "noloss_", "", false, false, 100, 1048576, 1000);
-    std::vector<std::thread> threads;
-    for (int t = 0; t < kThreads; ++t) {
-      threads.emplace_back([&, t] {
-        char text[64];
-        for (int i = 0; i < kPerThread; ++i) {
-          std::snprintf(text, sizeof text, "t%d n%d", t, i);
-          writer.AddLog("S", LEVEL_INFO, text, nullptr, false, true);
-          // Filtered records on the side must not disturb the ordered ones.
-          if (i % 1000 == 0) writer.AddLog("S", LEVEL_WARN, "side", nullptr, false, false);
-        }
-      });
-    }
-    for (auto& th : threads) th.join();
+  auto writer = NewWriter(dir.path(), "noloss_", "", 100, 1048576, 1000);
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([&, t] {
+      char text[64];
+      for (int i = 0; i < kPerThread; ++i) {
+        std::snprintf(text, sizeof text, "t%d n%d", t, i);
+        writer->AddLog("S", LEVEL_INFO, text, nullptr, false, true);
+        // Filtered records on the side must not disturb the ordered ones.
+        if (i % 1000 == 0) writer->AddLog("S", LEVEL_WARN, "side", nullptr, false, false);
+      }
+    });
   }
+  for (auto& th : threads) th.join();
+  writer.reset();
 
   // Files in name order are files in creation order.
   const std::vector<std::string> names = ListDir(dir.path());

@@ -8,34 +8,38 @@
 
 #include "WriterTestSupport.h"
 #include "logwriter/TimeStamp.h"
-#include "logwriter/ToviLogWriter.h"
 #include "port/ToviPort.h"
 
 using namespace tovitest;
 
 TEST(LogRecord, AssertionBringsOutTheHeldBackRecords) {
-  TempDir dir;
+  TempDir dir, none;
   constexpr unsigned kHeld = 5;
   uint32_t producer = 0;
   StdoutCapture out;
-  {
-    ToviLogWriter writer(dir.path(), "held", "", false, false, kHeld, 1048576, 10);
-    ASSERT_TRUE(writer.AddLog("M", LEVEL_INFO, "before", nullptr, false, true));
-    // N+5 filtered records from another thread: the last N are kept.
-    std::thread([&] {
-      producer = toviport::CurrentThreadId();
-      for (unsigned i = 0; i < kHeld + 5; ++i) {
-        EXPECT_TRUE(writer.AddLog("M", LEVEL_WARN, ("held " + std::to_string(i)).c_str(), nullptr,
-                                  false, false));
-      }
-    }).join();
-    EXPECT_EQ(writer.DiscardQueueCount(), kHeld);
-    ASSERT_TRUE(writer.AddLog("M", LEVEL_ASSERT, "boom", nullptr, false, true));
-    ASSERT_TRUE(writer.AddLog("M", LEVEL_ASSERT, "again", nullptr, false, true));
-    // Once the assertions are written, a new filtered record waits again.
-    ASSERT_TRUE(WaitUntil([&] { return OnlyLog(dir.path()).find("again") != std::string::npos; }));
-    ASSERT_TRUE(writer.AddLog("M", LEVEL_WARN, "left over", nullptr, false, false));
-  }
+  auto writer = NewWriter(dir.path(), "held", "", kHeld);
+  ASSERT_TRUE(writer->AddLog("M", LEVEL_INFO, "before", nullptr, false, true));
+  // N+5 filtered records from another thread: the last N are kept.
+  std::thread([&] {
+    producer = toviport::CurrentThreadId();
+    for (unsigned i = 0; i < kHeld + 5; ++i) {
+      const std::string text = "held " + std::to_string(i);
+      EXPECT_TRUE(writer->AddLog("M", LEVEL_WARN, text.c_str(), nullptr, false, false));
+    }
+  }).join();
+  EXPECT_EQ(writer->DiscardQueueCount(), kHeld);
+  ASSERT_TRUE(writer->AddLog("M", LEVEL_ASSERT, "boom", nullptr, false, true));
+  ASSERT_TRUE(writer->AddLog("M", LEVEL_ASSERT, "again", nullptr, false, true));
+  // Once the assertions are written, a new filtered record waits again.
+  ASSERT_TRUE(WaitUntil([&] { return OnlyLog(dir.path()).find("again") != std::string::npos; }));
+  ASSERT_TRUE(writer->AddLog("M", LEVEL_WARN, "left over", nullptr, false, false));
+  writer.reset();
+  // A writer that keeps nothing accepts filtered records and drops them.
+  writer = NewWriter(none.path(), "none", "", 0);
+  EXPECT_TRUE(writer->AddLog("M", LEVEL_WARN, "gone", nullptr, false, false));
+  EXPECT_EQ(writer->DiscardQueueCount(), 0u);
+  EXPECT_TRUE(writer->AddLog("M", LEVEL_ASSERT, "boom", nullptr, false, true));
+  writer.reset();
   const std::string printed = out.Restore();
 
   const std::string log = OnlyLog(dir.path());
@@ -50,15 +54,6 @@ TEST(LogRecord, AssertionBringsOutTheHeldBackRecords) {
   // Held records are printed too when they come out; the assertion itself
   // asked for the file only.
   EXPECT_EQ(RecordTexts(printed), held);
-
-  // A writer that keeps nothing accepts filtered records and drops them.
-  TempDir none;
-  {
-    ToviLogWriter writer(none.path(), "none", "", false, false, 0, 1048576, 10);
-    EXPECT_TRUE(writer.AddLog("M", LEVEL_WARN, "gone", nullptr, false, false));
-    EXPECT_EQ(writer.DiscardQueueCount(), 0u);
-    EXPECT_TRUE(writer.AddLog("M", LEVEL_ASSERT, "boom", nullptr, false, true));
-  }
   EXPECT_EQ(RecordTexts(OnlyLog(none.path())), std::vector<std::string>{"M ASSERT: boom"});
 }
 

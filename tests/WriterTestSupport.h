@@ -1,6 +1,7 @@
-// WriterTestSupport.h - what the log writer tests share: directory listings,
-// log lines and records, gzip reading through zlib, stdout capture, and an
-// ASN.1 value that counts its live clones.
+// WriterTestSupport.h - what the log writer tests share: the one place that
+// makes writers, directory listings, log lines and records, gzip reading
+// through zlib, stdout capture, and an ASN.1 value that counts its live
+// clones.
 #ifndef TOVI_TESTS_WRITERTESTSUPPORT_H
 #define TOVI_TESTS_WRITERTESTSUPPORT_H
 
@@ -9,12 +10,13 @@
 #include <zlib.h>
 
 #include <algorithm>
-#include <cstdint>
 #include <atomic>
 #include <chrono>
+#include <cstdint>
 #include <cstdio>
 #include <filesystem>
 #include <functional>
+#include <memory>
 #include <ostream>
 #include <string>
 #include <thread>
@@ -24,8 +26,19 @@
 
 #include "TestSupport.h"
 #include "ToviDebugMgr.h"
+#include "logwriter/ToviLogWriter.h"
 
 namespace tovitest {
+
+// Every writer that a test makes itself: held is how many filtered records
+// wait for an assertion, fileBytes the roll-over size, zips the archives kept.
+inline std::unique_ptr<ToviLogWriter> NewWriter(const std::string& dir, const std::string& prefix,
+                                                const std::string& header = "",
+                                                unsigned held = 10,
+                                                unsigned fileBytes = 1u << 30, int zips = 10) {
+  return std::make_unique<ToviLogWriter>(dir, prefix, header, false, false, held, fileBytes,
+                                         zips);
+}
 
 // Names of the entries of dir, sorted bytewise.
 inline std::vector<std::string> ListDir(const std::string& dir) {
@@ -87,19 +100,22 @@ inline std::string OnlyLog(const std::string& dir) {
                           : "<" + std::to_string(logs.size()) + " log files>";
 }
 
-// The decompressed content of a gzip file; "<unreadable>" when zlib cannot
-// open it.
-inline std::string ReadGz(const std::string& path) {
+// The decompressed content of a gzip file, "<unreadable>" when zlib cannot
+// open it; whole says whether zlib read it to its end without damage.
+inline std::string ReadGz(const std::string& path, bool* whole = nullptr) {
   gzFile in = gzopen(path.c_str(), "rb");
   if (in == nullptr) return "<unreadable>";
   std::string out;
   char buf[65536];
-  for (int n; (n = gzread(in, buf, sizeof buf)) > 0;) out.append(buf, static_cast<std::size_t>(n));
+  int n;
+  while ((n = gzread(in, buf, sizeof buf)) > 0) out.append(buf, static_cast<std::size_t>(n));
+  int error = Z_OK;
+  gzerror(in, &error);
+  if (whole != nullptr) *whole = n == 0 && error == Z_OK;
   gzclose(in);
   return out;
 }
 
-// Writes bytes as a gzip file.
 inline void WriteGz(const std::string& path, const std::string& bytes) {
   gzFile out = gzopen(path.c_str(), "wb");
   gzwrite(out, bytes.data(), static_cast<unsigned>(bytes.size()));
@@ -126,7 +142,7 @@ struct MgrRoot : ScopedRoot {
 };
 
 // Redirects the process's standard output into a file for its lifetime;
-// Text() returns what was printed so far.
+// Restore() puts it back and returns what was printed.
 class StdoutCapture {
 public:
   StdoutCapture() : path_(dir_ / "stdout.txt") {
@@ -138,14 +154,10 @@ public:
   }
   ~StdoutCapture() { Restore(); }
   std::string Text() { return std::fflush(stdout), ReadFile(path_); }
-  // Puts standard output back; returns what was printed.
   std::string Restore() {
     const std::string text = Text();
-    if (saved_ >= 0) {
-      ::dup2(saved_, 1);
-      ::close(saved_);
-      saved_ = -1;
-    }
+    if (saved_ >= 0) ::dup2(saved_, 1), ::close(saved_);
+    saved_ = -1;
     return text;
   }
 
