@@ -56,17 +56,15 @@ struct BusyEngine : ToviDebugEngine {
 
 }  // namespace
 
-TEST(DebugMgr, LifecycleAndRegistry) {
-  MgrRoot inst;
+// A name that cannot start the names of files in the log directory leaves
+// the manager uninitialised and writes nothing; a separator or ".." is
+// refused where that path exists too, and so is a name that fits the file
+// system while its longest file name (26 characters more) does not. The
+// first Init that succeeds is the only one.
+TEST(DebugMgr, InitRefusesUnusableNamesAndHappensOnce) {
+  MgrRoot inst("MRB_level=1\nMRB_output=11\n");
   ToviDebugMgr::Destroy();  // no manager yet: nothing to free
   ToviDebugMgr* mgr = ToviDebugMgr::Instance();
-
-  // Refused names leave the manager uninitialised and write nothing, but the
-  // sub-modules read on the way are registered and can be changed; what
-  // needs an initialised manager is refused. A separator or ".." is refused
-  // where that path exists too, and so is a name that fits the file system
-  // while its longest file name (26 characters more) does not.
-  WriteFile(inst.Conf("default_debug.cfg"), "MRB_level=1\nMRB_output=11\n");
   std::filesystem::create_directories(inst.logs / "sub/x");
   const long nameMax = ::pathconf(inst.logs.path().c_str(), _PC_NAME_MAX);
   for (const std::string& bad : {std::string(), std::string("sub/x"), std::string("a\\b"),
@@ -75,25 +73,40 @@ TEST(DebugMgr, LifecycleAndRegistry) {
   EXPECT_FALSE(mgr->IsInit());
   EXPECT_EQ(ListDir(inst.logs / "sub"), std::vector<std::string>{"x"});
   EXPECT_FALSE(mgr->Trace("MRB", LEVEL_ASSERT, "refused", nullptr, false, true));
+  // The sub-modules read on the way are registered and can be changed; what
+  // needs an initialised manager is refused.
   EXPECT_TRUE(mgr->SetLogLevel("MRB", LEVEL_WARN, true));
   EXPECT_EQ(MasksOf(mgr, "MRB"), Masks(Bits({0, 2}), Bits({0, 1})));
-  ModuleMap items{{"foreign", {Bits({20}), Bits({20})}}, {"debug", {}}};
+  ModuleMap items;
   EXPECT_FALSE(mgr->RegSubModuleInfo("NEW", Bits({0}), Bits({1}), false) ||
                mgr->SetAllModuleInfo(Bits({0}), Bits({0}), false) || mgr->GetAllModuleInfo(items));
 
   // The longest name that fits is taken, and the configuration is read
   // again; an application's name joined to it would not fit.
-  WriteFile(inst.Conf("default_debug.cfg"), "debug_level=1\nMRB_level=01\nMRB_output=11\n");
-  const std::string longest(nameMax - 26, 'n');
-  ASSERT_TRUE(mgr->Init(longest, "", inst.logs.path(), "HEAD\n", false, false));
+  WriteFile(inst.Conf("default_debug.cfg"), "MRB_level=01\n");
+  ASSERT_TRUE(mgr->Init(std::string(nameMax - 26, 'n'), "", inst.logs.path(), "HEAD\n", false, false));
   EXPECT_FALSE(mgr->AppTrace("debug", LEVEL_INFO, "app", nullptr, false, true, "a"));
-  EXPECT_EQ(MasksOf(mgr, "MRB"), Masks(Bits({1}), Bits({0, 1})));
-
+  EXPECT_EQ(MasksOf(mgr, "MRB"), Masks(Bits({1}), Bits({1})));
   // A second Init, with other paths and another reading, changes nothing.
-  WriteFile(inst.root / "other.cfg", "debug_level=0001\n");
+  WriteFile(inst.root / "other.cfg", "MRB_level=0001\n");
   EXPECT_TRUE(mgr->Init("other_", inst.root / "other.cfg", inst.logs / "never", "", false, false));
-  EXPECT_EQ(MasksOf(mgr, "debug"), Masks(Bits({0}), Bits({1})));
+  EXPECT_EQ(MasksOf(mgr, "MRB"), Masks(Bits({1}), Bits({1})));
+  ToviDebugMgr::Destroy();
+  EXPECT_FALSE(std::filesystem::exists(inst.logs / "never"));
+  const std::string text = ReadFile(inst.logs / ListDir(inst.logs.path()).at(0));
+  EXPECT_NE(text.find("HEAD\nThis is the first"), std::string::npos);
 
+  // A fresh manager, and no log directory given: the default one under the root.
+  std::filesystem::create_directories(inst.root / "var/logs");
+  ASSERT_TRUE(ToviDebugMgr::Instance()->Init("dflt_", "", "", "", false, false));
+  ToviDebugMgr::Destroy();
+  EXPECT_EQ(ListDir(inst.root / "var/logs/mrblog").size(), 1u);
+}
+
+TEST(DebugMgr, RegistryMasks) {
+  MgrRoot inst("debug_level=1\nMRB_level=01\nMRB_output=11\n");
+  ToviDebugMgr* mgr = ToviDebugMgr::Instance();
+  ASSERT_TRUE(mgr->Init("reg_", "", inst.logs.path(), "", false, true));
   EXPECT_TRUE(mgr->RegSubModuleInfo("NEW", Bits({0}), Bits({1}), false) &&
               !mgr->RegSubModuleInfo("", Bits({0}), Bits({1}), false));
   // A new name takes a copy of the masks of "debug", which a later change of
@@ -108,8 +121,7 @@ TEST(DebugMgr, LifecycleAndRegistry) {
   EXPECT_TRUE(mgr->SetLogOutput("NEW", static_cast<ToviOutputDirection>(31), true));
   // Bits out of range are refused, and so are unknown names, which are not
   // created; names compare byte by byte, untrimmed.
-  const std::pair<const char*, int> refused[] = {{"NEW", 32}, {"NEW", -1}, {"nobody", 3}};
-  for (const auto& [who, bit] : refused) {
+  for (const auto& [who, bit] : std::vector<std::pair<const char*, int>>{{"NEW", 32}, {"NEW", -1}, {"nobody", 3}}) {
     EXPECT_FALSE(mgr->SetLogLevel(who, static_cast<ToviLogLevel>(bit), bit != 32)) << who << bit;
     EXPECT_FALSE(mgr->SetLogOutput(who, static_cast<ToviOutputDirection>(bit), true)) << who << bit;
   }
@@ -117,6 +129,7 @@ TEST(DebugMgr, LifecycleAndRegistry) {
   EXPECT_FALSE(mgr->GetSubModuleInfo(" MRB", none.first, none.second));
   EXPECT_TRUE(mgr->RegSubModuleInfo(" MRB", Bits({2}), Bits({2}), false));
   // Entries of other names stay in the caller's map.
+  ModuleMap items{{"foreign", {Bits({20}), Bits({20})}}, {"debug", {}}};
   ASSERT_TRUE(mgr->GetAllModuleInfo(items));
   EXPECT_EQ(items, (ModuleMap{{"foreign", {Bits({20}), Bits({20})}},
                               {"debug", {Bits({0, 3}), Bits({1})}},
@@ -130,17 +143,6 @@ TEST(DebugMgr, LifecycleAndRegistry) {
   ASSERT_TRUE(mgr->SetAllModuleInfo(Bits({6}), Bits({6}), true));
   for (const char* name : {"debug", "MRB", " MRB", "NEW", "COPY"})
     EXPECT_EQ(MasksOf(mgr, name), Masks(Bits({1, 4}), Bits({0}))) << name;
-
-  ToviDebugMgr::Destroy();
-  EXPECT_FALSE(std::filesystem::exists(inst.logs / "never"));
-  const std::string text = ReadFile(inst.logs / ListDir(inst.logs.path()).at(0));
-  EXPECT_NE(text.find("HEAD\nThis is the first"), std::string::npos);
-
-  // A fresh manager, and no log directory given: the default one under the root.
-  std::filesystem::create_directories(inst.root / "var/logs");
-  ASSERT_TRUE(ToviDebugMgr::Instance()->Init("dflt_", "", "", "", false, false));
-  ToviDebugMgr::Destroy();
-  EXPECT_EQ(ListDir(inst.root / "var/logs/mrblog").size(), 1u);
 }
 
 TEST(DebugMgr, EngineOwnershipAndDispatch) {
@@ -179,8 +181,8 @@ TEST(DebugMgr, EngineOwnershipAndDispatch) {
 
 // Threads trace through engines that are swapped out under them, then
 // through an engine or the writers while the manager is destroyed, and go on
-// with the old pointer afterwards: every late call is refused, and ASan sees
-// nothing freed in use.
+// with the old pointer afterwards, when a new manager may exist: every late
+// call is refused, and ASan sees nothing freed in use.
 TEST(DebugMgr, EnginesAndManagerOutliveTheCallsInThem) {
   MgrRoot inst;
   for (const bool withEngine : {true, false}) {
@@ -217,7 +219,12 @@ TEST(DebugMgr, EnginesAndManagerOutliveTheCallsInThem) {
     while (calls.load() < 3000) std::this_thread::yield();
     ToviDebugMgr::Destroy();
     destroyed = true;
+    // A new manager at once, which the old pointer must not reach either;
+    // the old one's memory is taken first, so that the new one lands elsewhere.
+    const std::unique_ptr<char[]> old(new char[sizeof(ToviDebugMgr)]);
+    ASSERT_TRUE(ToviDebugMgr::Instance()->Init("new_", "", inst.logs.path(), "", false, true));
     for (std::thread& th : threads) th.join();
     EXPECT_EQ(lateAccepted.load(), 0);
+    ToviDebugMgr::Destroy();
   }
 }

@@ -1,5 +1,6 @@
-// Directory creation: whole trees, refusals, and paths that would have been
-// commands if they had ever reached a shell.
+// Directory creation: whole trees, refusals, the length bound, paths that
+// would have been commands if they had ever reached a shell, and creators
+// that race for one tree.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -13,7 +14,7 @@
 namespace fs = std::filesystem;
 using tovitest::TempDir;
 
-TEST(MakeDirEx, RefusalsExistingEntriesAndNewTrees) {
+TEST(MakeDirEx, TreesRefusalsAndTheLengthBound) {
   TempDir dir;
   tovitest::WriteFile(dir / "file", "x");
   EXPECT_EQ(ToviMakeDirEx(nullptr), -1);
@@ -22,33 +23,21 @@ TEST(MakeDirEx, RefusalsExistingEntriesAndNewTrees) {
     EXPECT_EQ(ToviMakeDirEx(bad.c_str()), -1) << bad;
   EXPECT_FALSE(fs::exists(dir / "a%b"));
   EXPECT_TRUE(ToviMakeDirEx(dir.path().c_str()) == 0 && ToviMakeDirEx((dir / "file").c_str()) == 0);
-  EXPECT_TRUE(fs::is_regular_file(dir / "file"));
-
   // Every missing level is made; doubled slashes and ".." are just levels.
-  const std::pair<const char*, const char*> made[] = {
-      {"x/y/z", "x/y/z"}, {"t//u/v/", "t/u/v"}, {"x/y/../w", "x/w"}};
-  for (const auto& [path, tree] : made)
-    EXPECT_TRUE(ToviMakeDirEx((dir / path).c_str()) == 0 && fs::is_directory(dir / tree)) << path;
-}
-
-TEST(MakeDirEx, PathIsDataNeverACommand) {
-  TempDir dir;
+  // Quotes, "$(...)" and backticks are characters of a name.
   const std::string marker = dir / "marker";
-  for (const std::string& name :
-       {"$(touch " + marker + ")", "`touch " + marker + "`", "q\" ; touch " + marker + " ; \"q"}) {
-    // The "/"s of the marker path make levels of their own; the last level
-    // is the literal name, quotes and all.
-    const std::string path = dir / ("cmd/" + name);
-    EXPECT_TRUE(ToviMakeDirEx(path.c_str()) == 0 && fs::is_directory(path)) << name;
-    EXPECT_FALSE(fs::exists(marker)) << name;
+  for (const auto& [path, tree] : std::vector<std::pair<std::string, std::string>>{
+           {"x/y/z", "x/y/z"}, {"t//u/v/", "t/u/v"}, {"x/y/../w", "x/w"},
+           {"c/$(touch " + marker + ")", ""}, {"c/`touch " + marker + "`", ""},
+           {"c/q\" ; touch " + marker + " ; \"q", ""}}) {
+    EXPECT_TRUE(ToviMakeDirEx((dir / path).c_str()) == 0 &&
+                fs::is_directory(dir / (tree.empty() ? path : tree)))
+        << path;
   }
-}
-
-TEST(MakeDirEx, LengthBoundOfTheCommandLine) {
+  EXPECT_FALSE(fs::exists(marker));
   // "mkdir \"" + path + "\"" had to fit 1023 characters: 1015 is the longest
   // path that is created, one more is refused and leaves nothing behind.
-  TempDir dir;
-  auto pathOfLength = [&](std::size_t total, char fill) {
+  const auto pathOfLength = [&](std::size_t total, char fill) {
     std::string path = dir.path();
     while (total - path.size() > 201) path += std::string(200, fill) + "/";
     return path + std::string(total - path.size(), fill);

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <regex>
+#include <tuple>
 
 #include "ToviBaseUtil.h"
 #include "ToviInterString.h"
@@ -32,13 +33,12 @@ std::string Logged(const MgrRoot& setup) {
   return Marked(all.substr(from, all.find("thread handle output string exit") - from));
 }
 
-// The console and log switches of the library's own messages are read once
-// per process, so each product configuration is tried in a death-test child
-// of its own, which reports through its exit code and standard error.
-int Child(const std::string& productCfg, bool print, bool log) {
+// The switches are read once per process, so each product configuration is
+// tried in a death-test child of its own.
+bool Child(const std::string& productCfg, bool print, bool log) {
   // "MRB" is registered with no output at all, so the switches alone decide.
   MgrRoot setup("MRB_level=1111\nMRB_output=00\n", productCfg);
-  if (!ToviDebugMgr::Instance()->Init("prt", "", setup.logs.path(), "", false, false)) return 2;
+  if (!ToviDebugMgr::Instance()->Init("prt", "", setup.logs.path(), "", false, false)) return false;
   StdoutCapture out;
   ToviOutputFrmtString("hello %d", 1);
   // The switches are fixed by now; editing the file, here to the opposite of
@@ -51,15 +51,13 @@ int Child(const std::string& productCfg, bool print, bool log) {
   SetToviAppExit(true);
   const bool set = ToviAppIsExit();
   SetToviAppExit(false);
-  if (!set || ToviAppIsExit()) return 3;
   ToviDebugMgr::Destroy();
   const std::string printed = Marked(out.Text()), logged = Logged(setup);
-
   const std::string all = "@MRB INFO: hello 1\n@MRB INFO: ready text\n" + cut + cut + cut +
                           "@MRB INFO: ===================SetToviAppExit (1)==================\n"
                           "@MRB INFO: ===================SetToviAppExit (0)==================\n";
   std::fprintf(stderr, "printed:\n%s\nlogged:\n%s\n", printed.c_str(), logged.c_str());
-  return printed == (print ? all : "") && logged == (log ? all : "") ? 0 : 4;
+  return set && !ToviAppIsExit() && printed == (print ? all : "") && logged == (log ? all : "");
 }
 
 }  // namespace
@@ -108,13 +106,14 @@ TEST(Printf, RefusalsDefaultsAndTheSubModuleWrapper) {
 
 TEST(TraceLibraryOutput, SwitchesDecideOncePerProcess) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
-  const ::testing::ExitedWithCode ok(0);
   // No file: printing off, logging on. Any number but 0 turns a switch on and
   // text that is no number reads as 0, each against its default; a switch
   // the file leaves out keeps its default.
-  EXPECT_EXIT(std::exit(Child("", false, true)), ok, "");
-  EXPECT_EXIT(std::exit(Child("EnablePrint=2\nEnableLog=abc\n", true, false)), ok, "");
-  EXPECT_EXIT(std::exit(Child("EnablePrint=1\n", true, true)), ok, "");
+  for (const auto& [cfg, print, log] :
+       {std::tuple("", false, true), std::tuple("EnablePrint=2\nEnableLog=abc\n", true, false),
+        std::tuple("EnablePrint=1\n", true, true)}) {
+    EXPECT_EXIT(std::exit(Child(cfg, print, log) ? 0 : 1), ::testing::ExitedWithCode(0), "") << cfg;
+  }
 }
 
 // The defaults may change while other threads print with them: every record
@@ -134,10 +133,7 @@ TEST(Printf, DefaultsChangeWhileOthersPrint) {
   setter.join();
   ToviDebugMgr::Destroy();
   const std::regex record("@(|S|" + longName + ") (ERROR|WARN|INFO): r\\d+");
-  std::size_t lines = 0;
-  for (const std::string& line : SplitLines(Logged(setup))) {
-    EXPECT_TRUE(std::regex_match(line, record)) << line;
-    ++lines;
-  }
-  EXPECT_EQ(lines, 2000u);
+  const std::vector<std::string> lines = SplitLines(Logged(setup));
+  EXPECT_EQ(lines.size(), 2000u);
+  for (const std::string& line : lines) EXPECT_TRUE(std::regex_match(line, record)) << line;
 }

@@ -15,13 +15,12 @@
 namespace tovitest {
 
 // A directory of its own under the system's temporary directory, removed
-// with everything in it when the test ends.
+// with everything in it when the test ends. Its path ends in "/".
 class TempDir {
 public:
   TempDir() {
     std::string pattern = (std::filesystem::temp_directory_path() / "tovi-XXXXXX").string();
-    char* made = ::mkdtemp(pattern.data());
-    path_ = made != nullptr ? std::string(made) + "/" : std::string();
+    path_ = ::mkdtemp(pattern.data()) != nullptr ? pattern + "/" : std::string();
   }
   ~TempDir() {
     std::error_code ec;
@@ -29,8 +28,6 @@ public:
   }
   TempDir(const TempDir&) = delete;
   TempDir& operator=(const TempDir&) = delete;
-
-  // The directory, ending in "/".
   const std::string& path() const { return path_; }
   std::string operator/(const std::string& name) const { return path_ + name; }
 
@@ -39,8 +36,7 @@ private:
 };
 
 inline void WriteFile(const std::string& path, const std::string& bytes) {
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+  std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
 }
 
 inline std::string ReadFile(const std::string& path) {

@@ -13,12 +13,10 @@ using namespace tovitest;
 
 namespace {
 
-typedef std::map<std::string, std::pair<std::bitset<32>, std::bitset<32>>> ModuleMap;
+const char kTime[] = R"(\d\d:\d\d:\d\d\.\d{6}\.T)";
 
 // A record as this thread would make it: "<tid hex> <record text>".
 std::string Mine(const std::string& text) { return Hex(toviport::CurrentThreadId()) + " " + text; }
-
-const char kTime[] = R"(\d\d:\d\d:\d\d\.\d{6}\.T)";
 
 // A pattern for these records of this thread, one line each, each after an
 // optional line `before`.
@@ -28,28 +26,22 @@ std::string Lines(std::initializer_list<const char*> records, const std::string&
   return pattern;
 }
 
-// A writer's only file, from creation to close: the header given, then these
-// records and nothing else between the opening and the stop lines, whose
-// exact form the file format tests check.
-std::string WholeFile(const std::string& header, std::initializer_list<const char*> records) {
-  return "[^\n]*File create at .*\n" + header + "This is the first log file\n.*\n" +
-         Lines(records, "(Current date&time:.*\n)?") +
-         "thread handle output string exit\n(.*\n){3}File close at .*\n";
-}
-
-::testing::AssertionResult Matches(const std::string& text, const std::string& pattern) {
+// All a writer's log files hold, in name order, against a pattern for its
+// only file from creation to close: the header given, then these records and
+// nothing else between the opening and the stop lines.
+::testing::AssertionResult WholeFile(const std::string& dir, const std::string& prefix,
+                                     const std::string& header,
+                                     std::initializer_list<const char*> records) {
+  const std::regex named(prefix + R"(\d{8}_\d{6}\.log)");
+  std::string text;
+  for (const std::string& name : ListDir(dir))
+    if (std::regex_match(name, named)) text += ReadFile(dir + name);
+  const std::string pattern = "[^\n]*File create at .*\n" + header +
+                              "This is the first log file\n.*\n" +
+                              Lines(records, "(Current date&time:.*\n)?") +
+                              "thread handle output string exit\n(.*\n){3}File close at .*\n";
   if (std::regex_match(text, std::regex(pattern))) return ::testing::AssertionSuccess();
   return ::testing::AssertionFailure() << "unexpected text:\n" << text;
-}
-
-// All a writer's log files hold, in name order: its prefix and a creation
-// time name them.
-std::string Logged(const std::string& dir, const std::string& prefix) {
-  const std::regex named(prefix + R"(\d{8}_\d{6}\.log)");
-  std::string all;
-  for (const std::string& name : ListDir(dir))
-    if (std::regex_match(name, named)) all += ReadFile(dir + name);
-  return all;
 }
 
 bool Init(const MgrRoot& setup, bool traceOff = false) {
@@ -61,14 +53,14 @@ bool Init(const MgrRoot& setup, bool traceOff = false) {
 TEST(Trace, RefusalsLeaveNothingAndMasksOnlyWiden) {
   // "debug": INFO only, console and file. "Quiet": INFO, no output.
   // "Loud": INFO, console only.
-  MgrRoot setup(
-      "debug_level=0001\ndebug_output=11\nQuiet_level=0001\nQuiet_output=00\n"
-      "Loud_level=0001\nLoud_output=10\n");
-  ToviDebugMgr* mgr = ToviDebugMgr::Instance();
-  auto refused = [&mgr](ToviLogLevel level, const char* text) {
-    EXPECT_FALSE(mgr->Trace("S", level, text, nullptr, true, true)) << level;
-    EXPECT_FALSE(mgr->AppTrace("S", level, text, nullptr, false, true, "App")) << level;
-    EXPECT_FALSE(mgr->AppTrace("S", level, text, nullptr, false, true, "")) << level;
+  MgrRoot setup("debug_level=0001\ndebug_output=11\nQuiet_level=0001\nQuiet_output=00\n"
+                "Loud_level=0001\nLoud_output=10\n");
+  const auto refused = [](ToviLogLevel level, const char* text) {
+    ToviDebugMgr* mgr = ToviDebugMgr::Instance();
+    EXPECT_FALSE(mgr->Trace("S", level, text, nullptr, true, true) ||
+                 mgr->AppTrace("S", level, text, nullptr, false, true, "App") ||
+                 mgr->AppTrace("S", level, text, nullptr, false, true, ""))
+        << level;
   };
   refused(LEVEL_INFO, "before Init");
   // Trace-off: initialised, but with no writer to take anything.
@@ -76,36 +68,40 @@ TEST(Trace, RefusalsLeaveNothingAndMasksOnlyWiden) {
   refused(LEVEL_INFO, "trace off");
   ToviDebugMgr::Destroy();
 
-  mgr = ToviDebugMgr::Instance();
   ASSERT_TRUE(Init(setup));
+  ToviDebugMgr* mgr = ToviDebugMgr::Instance();
   for (int level : {-1, 32}) refused(static_cast<ToviLogLevel>(level), "bad level");
   refused(LEVEL_INFO, nullptr);
   StdoutCapture out;
-  EXPECT_TRUE(mgr->Trace("Unreg", LEVEL_INFO, "a", nullptr, false, false));  // both, via "debug"
-  EXPECT_TRUE(mgr->Trace("Unreg", LEVEL_WARN, "b", nullptr, false, false));  // held back
-  EXPECT_TRUE(mgr->Trace("Quiet", LEVEL_INFO, "c", nullptr, false, false));  // held back
-  EXPECT_TRUE(mgr->Trace("Quiet", LEVEL_INFO, "d", nullptr, true, false));   // console
-  EXPECT_TRUE(mgr->Trace("Quiet", LEVEL_INFO, "e", nullptr, false, true));   // file
-  EXPECT_TRUE(mgr->Trace("Loud", LEVEL_INFO, "f", nullptr, false, true));    // both
-  EXPECT_TRUE(mgr->Trace("Loud", LEVEL_INFO, "g", nullptr, false, false));   // not "debug"'s file
-  EXPECT_TRUE(mgr->Trace("Loud", LEVEL_WARN, "h", nullptr, false, true));    // file: bit clear
-  // The highest level; its bit is clear, so the file only.
-  EXPECT_TRUE(mgr->Trace("S", static_cast<ToviLogLevel>(31), "edge", nullptr, false, true));
+  const auto trace = [&](const char* sub, int level, const char* text, bool print, bool log) {
+    EXPECT_TRUE(mgr->Trace(sub, static_cast<ToviLogLevel>(level), text, nullptr, print, log));
+  };
+  trace("Unreg", LEVEL_INFO, "a", false, false);  // both, via "debug"
+  trace("Unreg", LEVEL_WARN, "b", false, false);  // held back
+  trace("Quiet", LEVEL_INFO, "c", false, false);  // held back
+  trace("Quiet", LEVEL_INFO, "d", true, false);   // console
+  trace("Quiet", LEVEL_INFO, "e", false, true);   // file
+  trace("Loud", LEVEL_INFO, "f", false, true);    // both
+  trace("Loud", LEVEL_INFO, "g", false, false);   // not "debug"'s file
+  trace("Loud", LEVEL_WARN, "h", false, true);    // file: bit clear
+  trace("S", 31, "edge", false, true);            // the highest level, file only
   ASSERT_TRUE(mgr->SetLogLevel("debug", LEVEL_WARN, true));
-  EXPECT_TRUE(mgr->Trace("Unreg", LEVEL_WARN, "i", nullptr, false, false));  // both now
-  EXPECT_TRUE(mgr->Trace("Unreg", LEVEL_ASSERT, "z", nullptr, true, true));  // flushes b and c
+  trace("Unreg", LEVEL_WARN, "i", false, false);  // both now
+  trace("Unreg", LEVEL_ASSERT, "z", true, true);  // flushes b and c
   ToviDebugMgr::Destroy();
-  const std::string printed = out.Restore();
 
   // Standard output whole: these records and nothing else.
-  EXPECT_TRUE(Matches(
-      printed, Lines({"Unreg INFO: a", "Quiet INFO: d", "Loud INFO: f", "Loud INFO: g",
-                      "Unreg WARN: i", "Unreg WARN: b", "Quiet INFO: c", "Unreg ASSERT: z"})));
+  const std::string printed = out.Restore();
+  EXPECT_TRUE(std::regex_match(
+      printed, std::regex(Lines({"Unreg INFO: a", "Quiet INFO: d", "Loud INFO: f", "Loud INFO: g",
+                                 "Unreg WARN: i", "Unreg WARN: b", "Quiet INFO: c",
+                                 "Unreg ASSERT: z"}))))
+      << printed;
   EXPECT_EQ(ListDir(setup.logs.path()).size(), 1u) << "a refused call made a writer";
-  EXPECT_TRUE(Matches(Logged(setup.logs.path(), "trc"),
-                      WholeFile("hdr\n", {"Unreg INFO: a", "Quiet INFO: e", "Loud INFO: f",
-                                          "Loud WARN: h", "S edge", "Unreg WARN: i",
-                                          "Unreg WARN: b", "Quiet INFO: c", "Unreg ASSERT: z"})));
+  EXPECT_TRUE(WholeFile(setup.logs.path(), "trc", "hdr\n",
+                        {"Unreg INFO: a", "Quiet INFO: e", "Loud INFO: f", "Loud WARN: h",
+                         "S edge", "Unreg WARN: i", "Unreg WARN: b", "Quiet INFO: c",
+                         "Unreg ASSERT: z"}));
 }
 
 TEST(TraceApp, WriterPerApplicationNameUpToTheTableBound) {
@@ -130,17 +126,16 @@ TEST(TraceApp, WriterPerApplicationNameUpToTheTableBound) {
 
   EXPECT_EQ(ListDir(setup.root.path()), std::vector<std::string>{"etc"});
   EXPECT_EQ(ListDir(setup.logs.path()).size(), 3u) << "a refused name left something behind";
-  EXPECT_TRUE(Matches(Logged(setup.logs.path(), "trc"),
-                      WholeFile("hdr\n", {"Main INFO: m1", "Main INFO: m2", "Main INFO: m3"})));
+  const std::string& logs = setup.logs.path();
+  EXPECT_TRUE(WholeFile(logs, "trc", "hdr\n", {"Main INFO: m1", "Main INFO: m2", "Main INFO: m3"}));
   // The first call's sub-module heads an application's file.
-  EXPECT_TRUE(Matches(Logged(setup.logs.path(), "trcApp_"),
-                      WholeFile("First", {"First INFO: a1", "Second WARN: a2"})));
-  EXPECT_TRUE(
-      Matches(Logged(setup.logs.path(), "trc" + n128 + "_"), WholeFile("Long", {"Long INFO: l1"})));
+  EXPECT_TRUE(WholeFile(logs, "trcApp_", "First", {"First INFO: a1", "Second WARN: a2"}));
+  EXPECT_TRUE(WholeFile(logs, "trc" + n128 + "_", "Long", {"Long INFO: l1"}));
 }
 
 // The registry changes under the lookups of every call: tracing threads
-// register names of their own, one thread changes masks and reads them all.
+// register names of their own and race to make the same application
+// writers, while one thread changes masks and reads them all.
 TEST(TraceConcurrency, NewApplicationNamesRaceWhileMasksChange) {
   MgrRoot setup("debug_level=1111\ndebug_output=01\nnMaxFileNum=10\n");
   ASSERT_TRUE(Init(setup));
@@ -149,15 +144,17 @@ TEST(TraceConcurrency, NewApplicationNamesRaceWhileMasksChange) {
   const std::vector<std::string> apps = {"X", "Y", "Z"};
   // All threads start together, the last to arrive releasing the others.
   std::atomic<int> waiting{kThreads + 1}, tracing{kThreads};
-  // Per thread and file prefix: what the thread traced there, in its order.
+  const auto start = [&] {
+    for (--waiting; waiting.load() > 0;) std::this_thread::yield();
+  };
+  // Per thread, file prefix and sub-module: what was traced there, in order.
   std::vector<std::map<std::string, std::vector<std::string>>> traced(kThreads);
   std::vector<std::thread> threads;
   for (int t = 0; t < kThreads; ++t) {
     threads.emplace_back([&, t] {
       // Each thread its own sub-module, so that a writer's header tells which call made it.
       const std::string sub = "T" + std::to_string(t);
-      --waiting;
-      while (waiting.load() > 0) std::this_thread::yield();
+      start();
       for (int r = 0; r < kRounds; ++r) {
         // Half the calls rely on "debug" for their file output; the mask
         // thread only ever widens that.
@@ -166,16 +163,14 @@ TEST(TraceConcurrency, NewApplicationNamesRaceWhileMasksChange) {
         EXPECT_TRUE(mgr->AppTrace(sub, LEVEL_INFO, text.c_str(), nullptr, false, r % 2 == 0, app));
         EXPECT_TRUE(mgr->Trace(sub, LEVEL_INFO, text.c_str(), nullptr, false, r % 2 == 0));
         for (const std::string& prefix : {"trc" + app + "_", std::string("trc")})
-          traced[t][prefix].push_back(Mine(sub + " INFO: " + text));
+          traced[t][prefix + " " + sub].push_back(Mine(sub + " INFO: " + text));
         EXPECT_TRUE(mgr->RegSubModuleInfo(sub + "_" + std::to_string(r), 0xF, 0, r % 4 == 0));
       }
       --tracing;
     });
   }
-  // This thread changes masks meanwhile.
-  --waiting;
-  while (waiting.load() > 0) std::this_thread::yield();
-  ModuleMap items;
+  start();
+  std::map<std::string, std::pair<std::bitset<32>, std::bitset<32>>> items;
   for (int k = 0; tracing.load() > 0 && k < 20000; ++k) {
     bool ok = mgr->SetLogLevel("debug", static_cast<ToviLogLevel>(4 + k % 8), k % 2 == 0);
     // Levels 0 to 3 and the file, for every name: what the calls need stays.
@@ -189,20 +184,21 @@ TEST(TraceConcurrency, NewApplicationNamesRaceWhileMasksChange) {
   ToviDebugMgr::Destroy();
   EXPECT_EQ(items.size(), 1u + kThreads * kRounds);  // "debug" and every name registered
 
-  // Per file prefix and sub-module: what was written, in file order.
-  std::map<std::string, std::vector<std::string>> written;
+  // One writer, so one file, for each name; each application's file is
+  // headed by a tracing thread's sub-module.
+  EXPECT_EQ(ListDir(setup.logs.path()).size(), 1 + apps.size());
   const std::regex record(std::string(kTime) + "([0-9a-f]+ (T[0-9]) INFO: [^\n]*)\n");
+  std::map<std::string, std::vector<std::string>> written, all;
+  for (const auto& mine : traced) all.insert(mine.begin(), mine.end());
   for (const char* app : {"", "X_", "Y_", "Z_"}) {
-    // Each name's file is headed by a tracing thread's sub-module; with the
-    // count of files below, one writer and one file for each name.
     const std::string prefix = "trc" + std::string(app);
-    const std::string content = Logged(setup.logs.path(), prefix);
+    std::string content;
+    for (const std::string& name : ListDir(setup.logs.path()))
+      if (std::regex_match(name, std::regex(prefix + R"(\d{8}_\d{6}\.log)")))
+        content = ReadFile(setup.logs / name);
     EXPECT_TRUE(!*app || std::regex_search(content, std::regex("\nT[0-5]This is the first")));
     for (std::sregex_iterator it(content.begin(), content.end(), record), end; it != end; ++it)
       written[prefix + " " + (*it)[2].str()].push_back((*it)[1]);
   }
-  for (int t = 0; t < kThreads; ++t)
-    for (const auto& [prefix, records] : traced[t])
-      EXPECT_EQ(written[prefix + " T" + std::to_string(t)], records) << prefix << " from T" << t;
-  EXPECT_EQ(ListDir(setup.logs.path()).size(), 1 + apps.size());
+  EXPECT_EQ(written, all);
 }
