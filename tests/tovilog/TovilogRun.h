@@ -3,15 +3,9 @@
 #ifndef TOVI_TESTS_TOVILOG_TOVILOGRUN_H
 #define TOVI_TESTS_TOVILOG_TOVILOGRUN_H
 
-#include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
-
-#include <chrono>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include <nlohmann/json.hpp>
 
@@ -39,11 +33,10 @@ public:
 
   // The exit status; -1 when the child had to be killed after `bound`.
   int Wait(std::chrono::seconds bound = std::chrono::seconds(120)) {
-    const auto end = std::chrono::steady_clock::now() + bound;
     int status = 0;
-    while (pid_ > 0 && ::waitpid(pid_, &status, WNOHANG) == 0) {
-      if (std::chrono::steady_clock::now() > end) ::kill(pid_, SIGKILL);
-      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    if (pid_ > 0 && !WaitUntil([&] { return ::waitpid(pid_, &status, WNOHANG) != 0; }, bound)) {
+      ::kill(pid_, SIGKILL);
+      ::waitpid(pid_, &status, 0);
     }
     pid_ = -1;
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
