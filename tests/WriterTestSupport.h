@@ -12,13 +12,8 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <cstdint>
-#include <cstdio>
-#include <filesystem>
 #include <functional>
 #include <memory>
-#include <ostream>
-#include <string>
 #include <thread>
 #include <vector>
 
@@ -33,11 +28,9 @@ namespace tovitest {
 // Every writer that a test makes itself: held is how many filtered records
 // wait for an assertion, fileBytes the roll-over size, zips the archives kept.
 inline std::unique_ptr<ToviLogWriter> NewWriter(const std::string& dir, const std::string& prefix,
-                                                const std::string& header = "",
-                                                unsigned held = 10,
+                                                const std::string& header = "", unsigned held = 10,
                                                 unsigned fileBytes = 1u << 30, int zips = 10) {
-  return std::make_unique<ToviLogWriter>(dir, prefix, header, false, false, held, fileBytes,
-                                         zips);
+  return std::make_unique<ToviLogWriter>(dir, prefix, header, false, false, held, fileBytes, zips);
 }
 
 // Names of the entries of dir, sorted bytewise.
@@ -100,19 +93,16 @@ inline std::string OnlyLog(const std::string& dir) {
                           : "<" + std::to_string(logs.size()) + " log files>";
 }
 
-// The decompressed content of a gzip file, "<unreadable>" when zlib cannot
-// open it; whole says whether zlib read it to its end without damage.
+// The content of a gzip file, or of a plain one; whole says whether zlib
+// read it to its end without finding damage.
 inline std::string ReadGz(const std::string& path, bool* whole = nullptr) {
   gzFile in = gzopen(path.c_str(), "rb");
-  if (in == nullptr) return "<unreadable>";
   std::string out;
   char buf[65536];
-  int n;
-  while ((n = gzread(in, buf, sizeof buf)) > 0) out.append(buf, static_cast<std::size_t>(n));
-  int error = Z_OK;
-  gzerror(in, &error);
+  int n = -1, error = Z_OK;
+  while (in != nullptr && (n = gzread(in, buf, sizeof buf)) > 0) out.append(buf, n);
+  if (in != nullptr) gzerror(in, &error), gzclose(in);
   if (whole != nullptr) *whole = n == 0 && error == Z_OK;
-  gzclose(in);
   return out;
 }
 
@@ -125,8 +115,7 @@ inline void WriteGz(const std::string& path, const std::string& bytes) {
 // Waits until pred() holds or the bound passes; returns pred().
 inline bool WaitUntil(const std::function<bool()>& pred,
                       std::chrono::milliseconds bound = std::chrono::seconds(20)) {
-  const auto end = std::chrono::steady_clock::now() + bound;
-  while (!pred()) {
+  for (const auto end = std::chrono::steady_clock::now() + bound; !pred();) {
     if (std::chrono::steady_clock::now() > end) return pred();
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
@@ -149,8 +138,7 @@ public:
     std::fflush(stdout);
     saved_ = ::dup(1);
     const int fd = ::open(path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    ::dup2(fd, 1);
-    ::close(fd);
+    ::dup2(fd, 1), ::close(fd);
   }
   ~StdoutCapture() { Restore(); }
   std::string Text() { return std::fflush(stdout), ReadFile(path_); }
@@ -176,7 +164,6 @@ public:
   ~CountingAsn() override { --Live(); }
   AsnType* Clone() const override { return ++Clones(), new CountingAsn(*this); }
   void Print(std::ostream& os) const override { os << text_; }
-
   static std::atomic<int>& Live() { static std::atomic<int> live{0}; return live; }
   static std::atomic<int>& Clones() { static std::atomic<int> clones{0}; return clones; }
 
