@@ -1,13 +1,6 @@
 // Command code lists, what is parsed and which texts must be refused without
 // touching the result, and the names of message types.
-#include <gtest/gtest.h>
-
-#include <cstdint>
-#include <cstring>
-#include <string>
-#include <vector>
-
-#include "ToviBaseUtil.h"
+#include "WriterTestSupport.h"
 
 TEST(CmdCodeParse, AcceptedAndRefusedTexts) {
   // An empty expectation means the text is refused. Nine characters, blanks

@@ -1,8 +1,5 @@
 // The debug manager: its lifecycle, the sub-module registry and the debug
 // engine, with real files, real threads and the real writer behind it.
-#include <gtest/gtest.h>
-
-#include <map>
 
 #include "ToviDebugEngine.h"
 #include "WriterTestSupport.h"

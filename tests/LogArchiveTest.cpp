@@ -3,11 +3,8 @@
 // copy of its run's first file, finishing a compression that a crash cut
 // short, leaving a file that cannot be compressed, and never touching
 // anything else.
-#include <gtest/gtest.h>
 
 #include <cctype>
-#include <ctime>
-#include <map>
 
 #include "WriterTestSupport.h"
 

@@ -1,13 +1,8 @@
 // What lands in a log file, byte for byte: the head of a file, the record
 // lines, the writer thread's and the stop sequence's lines, the close line,
 // the date line, the byte-order mark, and the roll-over point.
-#include <gtest/gtest.h>
 
-#include <regex>
-
-#include "ToviBaseUtil.h"
 #include "WriterTestSupport.h"
-#include "port/ToviPort.h"
 
 using namespace tovitest;
 

@@ -1,13 +1,6 @@
 // Many threads, one writer, files rolling over and being compressed as they
 // go: every record must arrive exactly once, in the order each thread made
 // them, and no file may ever replace another.
-#include <gtest/gtest.h>
-
-#include <cstdio>
-#include <set>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "WriterTestSupport.h"
 

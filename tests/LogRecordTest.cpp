@@ -1,14 +1,10 @@
 // Records on their way through a writer: the held-back records that an
 // assertion brings out, and the time stamp of every record.
-#include <gtest/gtest.h>
-
-#include <ctime>
 
 #include <ace/ACE.h>
 
 #include "WriterTestSupport.h"
 #include "logwriter/TimeStamp.h"
-#include "port/ToviPort.h"
 
 using namespace tovitest;
 

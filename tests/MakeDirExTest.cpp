@@ -1,16 +1,8 @@
 // Directory creation: whole trees, refusals, the length bound, paths that
 // would have been commands if they had ever reached a shell, and creators
 // that race for one tree.
-#include <gtest/gtest.h>
 
-#include <atomic>
-#include <filesystem>
-#include <string>
-#include <thread>
-#include <vector>
-
-#include "ToviBaseUtil.h"
-#include "TestSupport.h"
+#include "WriterTestSupport.h"
 
 namespace fs = std::filesystem;
 using tovitest::TempDir;

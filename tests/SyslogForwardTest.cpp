@@ -2,19 +2,13 @@
 // collector of the test's own: what arrives, byte for byte and in which
 // order, what a collector that goes away costs, and settings that cannot be
 // used.
-#include <gtest/gtest.h>
 
 #include <arpa/inet.h>
 #include <sys/socket.h>
 
-#include <array>
-#include <ctime>
-#include <map>
-#include <regex>
 #include <sstream>
 
 #include "WriterTestSupport.h"
-#include "port/ToviPort.h"
 
 using namespace tovitest;
 

@@ -7,7 +7,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <initializer_list>
 #include <iterator>
 #include <optional>
 #include <string>
@@ -18,14 +17,10 @@ namespace tovitest {
 // with everything in it when the test ends. Its path ends in "/".
 class TempDir {
 public:
-  TempDir() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "tovi-XXXXXX").string();
-    path_ = ::mkdtemp(pattern.data()) != nullptr ? pattern + "/" : std::string();
+  TempDir() : path_((std::filesystem::temp_directory_path() / "tovi-XXXXXX").string()) {
+    path_ = ::mkdtemp(path_.data()) != nullptr ? path_ + "/" : std::string();
   }
-  ~TempDir() {
-    std::error_code ec;
-    if (!path_.empty()) std::filesystem::remove_all(path_, ec);
-  }
+  ~TempDir() { std::error_code ec; if (!path_.empty()) std::filesystem::remove_all(path_, ec); }
   TempDir(const TempDir&) = delete;
   TempDir& operator=(const TempDir&) = delete;
   const std::string& path() const { return path_; }
@@ -81,7 +76,6 @@ struct ScopedRoot {
     if (!productCfg.empty()) WriteFile(Conf("tovi.cfg"), productCfg);
   }
   std::string Conf(const std::string& name) const { return root / ("etc/conf/" + name); }
-
   TempDir root;
   ScopedEnv env{"TOVI_ROOT", root.path().c_str()};
 };

@@ -1,13 +1,8 @@
 // The trace entry points through the manager: which calls are refused, how a
 // sub-module's masks add to the caller's outputs, which writer and which file
 // a record reaches, and the per-application writers under concurrent use.
-#include <gtest/gtest.h>
-
-#include <map>
-#include <regex>
 
 #include "WriterTestSupport.h"
-#include "port/ToviPort.h"
 
 using namespace tovitest;
 

@@ -1,27 +1,39 @@
-// WriterTestSupport.h - what the log writer tests share: the one place that
-// makes writers, directory listings, log lines and records, gzip reading
-// through zlib, stdout capture, and an ASN.1 value that counts its live
-// clones.
+// WriterTestSupport.h - what the tests share: the one place that makes
+// writers, directory listings, log lines and records, gzip reading through
+// zlib, stdout capture, and an ASN.1 value that counts its live clones.
 #ifndef TOVI_TESTS_WRITERTESTSUPPORT_H
 #define TOVI_TESTS_WRITERTESTSUPPORT_H
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <unistd.h>
 #include <zlib.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
 #include <functional>
+#include <map>
 #include <memory>
+#include <regex>
+#include <set>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include <AsnType.h>
 
 #include "TestSupport.h"
+#include "ToviBaseUtil.h"
 #include "ToviDebugMgr.h"
 #include "logwriter/ToviLogWriter.h"
+#include "port/ToviPort.h"
 
 namespace tovitest {
 

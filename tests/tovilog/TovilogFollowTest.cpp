@@ -1,11 +1,8 @@
 // TovilogFollowTest.cpp - tovilog -f on a live writer: it shows what is
 // written after it started, moves on at a roll-over while the old file is
 // compressed and removed, and ends cleanly on SIGINT.
-#include <gtest/gtest.h>
 
-#include "ToviDebugMgr.h"
 #include "TovilogRun.h"
-#include "WriterTestSupport.h"
 
 using namespace tovitest;
 

@@ -2,14 +2,7 @@
 // writer "svc" and the application writer "svcbilling_", rolled over and
 // archived, across a midnight that a change of time zone brings on; then
 // the filters, the JSON, and damaged files.
-#include <gtest/gtest.h>
 
-#include <array>
-#include <ctime>
-#include <map>
-#include <set>
-
-#include "ToviDebugMgr.h"
 #include "TovilogRun.h"
 
 namespace fs = std::filesystem;
