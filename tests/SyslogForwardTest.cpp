@@ -1,7 +1,6 @@
 // Forwarding of log records to a syslog collector, read off the wire by a
 // collector of the test's own: what arrives, byte for byte and in which
-// order, what a collector that goes away costs, and settings that cannot be
-// used.
+// order, and what a collector that goes away costs.
 
 #include <arpa/inet.h>
 #include <sys/socket.h>
@@ -163,10 +162,8 @@ TEST(SyslogForward, EveryRecordOnceInOrderWithItsFields) {
 
 // The collector is killed, records come, it starts again on its port: with
 // the smallest backlog bound, every record arrives once or is counted, in
-// order, and the count arrives after the kept records. A collector that
-// nobody listens for, or a setting that cannot be used, leaves the log file
-// whole and the stop prompt; an unusable setting says once why.
-TEST(SyslogForward, CollectorGoneOrUnusable) {
+// order, and the count arrives after the kept records.
+TEST(SyslogForward, CollectorKilledAndRestarted) {
   const char kDropped[] = " records dropped while the collector was unreachable";
   Collector collector(true);
   std::unique_ptr<MgrRoot> setup;
@@ -204,24 +201,4 @@ TEST(SyslogForward, CollectorGoneOrUnusable) {
   const std::string count = std::to_string(300 - kept.size()) + kDropped;
   EXPECT_EQ(notices, std::vector<std::string>{"<132>" + std::to_string(kept.size()) + count});
   EXPECT_NE(AllLogs(setup->logs.path()).find("syslog WARN: " + count + "\n"), std::string::npos);
-
-  for (const auto& [target, off] : std::vector<std::pair<std::string, std::size_t>>{
-           {Collector(true).Target() + "\n", 0}, {"tcp://nohost\n", 1},
-           {"udp://127.0.0.1:514\nsyslog_facility=local9\n", 1}}) {
-    SCOPED_TRACE(target);
-    ASSERT_TRUE(Init(setup, target));
-    std::vector<std::string> want, got;
-    for (int i = 0; i < 2000; ++i) {
-      want.push_back("Off INFO: record " + std::to_string(i));
-      ASSERT_TRUE(Trace("Off", 3, want.back().substr(10)));
-    }
-    const auto start = std::chrono::steady_clock::now();
-    ToviDebugMgr::Destroy();
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5)) << "Destroy hangs";
-    const std::string log = AllLogs(setup->logs.path());
-    for (const std::string& text : RecordTexts(log))
-      if (text.rfind("Off ", 0) == 0) got.push_back(text);
-    EXPECT_EQ(got, want);
-    EXPECT_EQ(Occurrences(log, "syslog forwarding off"), off) << log;
-  }
 }
