@@ -83,17 +83,3 @@ TEST(CfgLookup, LinesKeysAndValuesAreCutAtTheirBounds) {
   EXPECT_TRUE(LoadCfgFileToMap(items, dir / "parts.cfg", ""));
   EXPECT_EQ(items, (Items{{a, "x"}, {a + "  bbb", "y"}, {"", std::string(1791, 'v')}}));
 }
-
-TEST(CfgLoader, KeepsTheLastAndCutsAtTheKeyPart) {
-  TempDir dir;
-  // The line is trimmed, but the blank before the key part in " x _level" stays.
-  WriteFile(dir / "debug.cfg", "  MRB_level = 1100 \n_level=1\n x _level=01\na_level_level=0\n"
-                               "dup_level=1\ndup_level=2\n# skipped_level=1\nplain=3\n");
-  Items items{{"untouched", "u"}, {"MRB", "old"}};
-  ASSERT_TRUE(LoadCfgFileToMap(items, dir / "debug.cfg", "_level"));
-  EXPECT_EQ(items, (Items{{"untouched", "u"}, {"MRB", "1100"}, {"", "1"}, {"x ", "01"}, {"a", "0"}, {"dup", "2"}}));
-  // No file name reads nothing; a file that cannot be opened is refused.
-  EXPECT_TRUE(LoadCfgFileToMap(items, "", "_level"));
-  EXPECT_FALSE(LoadCfgFileToMap(items, dir.path(), "") || LoadCfgFileToMap(items, dir / "absent", ""));
-  EXPECT_EQ(items.size(), 6u);
-}

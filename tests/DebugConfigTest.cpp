@@ -50,9 +50,12 @@ void CheckLimits(const std::string& debugFile, const std::string& productFile,
 
 TEST(DebugConfig, MasksFromTheDebugAndProductFiles) {
   const Masks defaults{Bits({0, 1}), Bits({1})};
-  EXPECT_EQ(
-      Registry("debug_level=1110\ndebug_output=0100\nMRB_level=1\nMRB_output=11\n", ""),
-      (ModuleMap{{"debug", {Bits({0, 1, 2}), Bits({1})}}, {"MRB", {Bits({0}), Bits({0, 1})}}}));
+  // A key is cut in front of the first "_level" or "_output" in it; the last
+  // of two lines wins.
+  EXPECT_EQ(Registry("debug_level=1110\ndebug_output=0100\nMRB_level=1\nMRB_output=11\n"
+                     "a_level_level=1\na_level_level=01\n", ""),
+            (ModuleMap{{"debug", {Bits({0, 1, 2}), Bits({1})}}, {"MRB", {Bits({0}), Bits({0, 1})}},
+                       {"a", {Bits({1}), Bits({1})}}}));
   // 40 characters: whatever stands in front of the last 32 is ignored; a
   // counted character that is no 0 or 1 makes the default.
   EXPECT_EQ(Registry("debug_level=a b=1 0x1" + std::string(31, '0') + "\nX_output=1x1\n", ""),

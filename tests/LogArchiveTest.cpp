@@ -90,10 +90,10 @@ TEST(LogArchive, StartCompressesTheNewestTrimsTheOldestAndTouchesNothingElse) {
   const std::time_t now = std::time(nullptr);
   for (int i = 0; i < 4; ++i) WriteFile(dir / LogName(now + i), OddBytes(std::to_string(i)));
   const std::string newest = LogName(now + 3);
-  WriteGz(dir / (LogName(now + 4) + ".gz"), "taken by a compressed file");
+  WriteFile(dir / (LogName(now + 4) + ".gz"), "taken by a compressed file");
   std::vector<std::string> gz;
   for (int y = 2010; y < 2022; ++y) gz.push_back("app_" + std::to_string(y) + "0101_000000.log.gz");
-  for (const std::string& name : gz) WriteGz(dir / name, name);
+  for (const std::string& name : gz) WriteFile(dir / name, name);
   std::map<std::string, std::string> expected = Snapshot(dir.path());
 
   const std::string own = RunWriter(dir.path(), LogName(now + 4));
@@ -126,7 +126,7 @@ TEST(LogArchive, FirstFileOfTheRunIsSparedAndCountsTowardTheLimit) {
     std::vector<std::string> earlier;
     for (int i = 0; i < 10; ++i) {
       earlier.push_back(c.prefix + "20990101_00000" + std::to_string(i) + ".log.gz");
-      WriteGz(dir / earlier.back(), earlier.back());
+      WriteFile(dir / earlier.back(), earlier.back());
     }
     // Every record with file output rolls the file over.
     auto writer = NewWriter(dir.path(), c.prefix, "", 100, 1, c.limit);
@@ -178,7 +178,7 @@ TEST(LogArchive, ALiveFileIsNeverTakenAndACrashedCompressionIsFinishedOnce) {
   fs::remove(crashed / own);
   const std::string later = "app_20250101_000000.log";
   WriteFile(crashed / later, OddBytes("later"));
-  WriteGz(crashed / (later + ".gz"), "the complete archive");
+  WriteFile(crashed / (later + ".gz"), "the complete archive");
   ASSERT_FALSE(RunWriter(crashed.path(), later).empty());
   EXPECT_EQ(ReadGz(crashed / (later + ".gz")), "the complete archive");
   EXPECT_FALSE(fs::exists(crashed / later));

@@ -1,5 +1,4 @@
-// Records on their way through a writer: the held-back records that an
-// assertion brings out, and the time stamp of every record.
+// The time stamp of every record.
 
 #include <ace/ACE.h>
 
@@ -7,38 +6,6 @@
 #include "logwriter/TimeStamp.h"
 
 using namespace tovitest;
-
-// The last N filtered records of any thread wait, each with its own time
-// and thread, until an assertion brings them out on the file and the
-// console; a writer that keeps none drops them.
-TEST(LogRecord, AssertionBringsOutTheHeldBackRecords) {
-  TempDir dir, none;
-  StdoutCapture out;
-  auto writer = NewWriter(dir.path(), "held", "", 5);
-  auto keepsNone = NewWriter(none.path(), "none", "", 0);
-  uint32_t producer = 0;
-  std::vector<std::string> held;
-  std::thread([&] {
-    producer = toviport::CurrentThreadId();
-    for (int i = 0; i < 10; ++i) {
-      const std::string text = "held " + std::to_string(i);
-      EXPECT_TRUE(writer->AddLog("M", LEVEL_WARN, text.c_str(), nullptr, false, false) &&
-                  keepsNone->AddLog("M", LEVEL_WARN, text.c_str(), nullptr, false, false));
-      if (i >= 5) held.push_back("M WARN: " + text);
-    }
-  }).join();
-  EXPECT_EQ(writer->DiscardQueueCount() + keepsNone->DiscardQueueCount(), 5u);
-  for (auto* w : {writer.get(), keepsNone.get()})
-    EXPECT_TRUE(w->AddLog("M", LEVEL_ASSERT, "boom", nullptr, false, true));
-  writer.reset(), keepsNone.reset();
-  // The assertion itself asked for the file only.
-  EXPECT_EQ(RecordTexts(out.Restore()), held);
-  const std::string log = OnlyLog(dir.path());
-  held.push_back("M ASSERT: boom");
-  EXPECT_EQ(RecordTexts(log), held);
-  EXPECT_NE(log.find(".T" + Hex(producer) + " M WARN: held 5\n"), std::string::npos);
-  EXPECT_EQ(RecordTexts(OnlyLog(none.path())), std::vector<std::string>{"M ASSERT: boom"});
-}
 
 // The time stamp comes from a per-thread cache of the current second; its
 // bytes must be ACE's to the last digit, across second, day and zone-offset

@@ -136,7 +136,7 @@ TEST(TraceConcurrency, NewApplicationNamesRaceWhileMasksChange) {
   ASSERT_TRUE(Init(setup));
   ToviDebugMgr* mgr = ToviDebugMgr::Instance();
   constexpr int kThreads = 6, kRounds = 200;
-  const std::string apps[] = {"X", "Y", "Z"};
+  const std::string apps[] = {"U", "V", "W", "X", "Y", "Z"};
   // All threads start together, the last to arrive releasing the others.
   std::atomic<int> waiting{kThreads + 1}, tracing{kThreads};
   const auto start = [&] {
@@ -151,8 +151,8 @@ TEST(TraceConcurrency, NewApplicationNamesRaceWhileMasksChange) {
       const std::string sub = "T" + std::to_string(t);
       start();
       for (int r = 0; r < kRounds; ++r) {
-        const std::string text = apps[r % 3] + " " + std::to_string(r);
-        EXPECT_TRUE(mgr->AppTrace(sub, LEVEL_INFO, text.c_str(), nullptr, false, r % 2, apps[r % 3]));
+        const std::string text = apps[r % 6] + " " + std::to_string(r);
+        EXPECT_TRUE(mgr->AppTrace(sub, LEVEL_INFO, text.c_str(), nullptr, false, r % 2, apps[r % 6]));
         EXPECT_TRUE(mgr->Trace(sub, LEVEL_INFO, text.c_str(), nullptr, false, r % 2));
         EXPECT_TRUE(mgr->RegSubModuleInfo(sub + "_" + std::to_string(r), 0xF, 0, r % 4 == 0));
       }
@@ -174,8 +174,8 @@ TEST(TraceConcurrency, NewApplicationNamesRaceWhileMasksChange) {
   EXPECT_EQ(items.size(), 1u + kThreads * kRounds);  // "debug" and every name registered
   // One writer, so one file, for each name, headed by a tracing thread's
   // sub-module; in it each thread's records, all of them, in order.
-  EXPECT_EQ(ListDir(setup.logs.path()).size(), 4u);
-  for (const std::string app : {"", "X", "Y", "Z"}) {
+  EXPECT_EQ(ListDir(setup.logs.path()).size(), 7u);
+  for (const std::string app : {"", "U", "V", "W", "X", "Y", "Z"}) {
     const std::string prefix = app.empty() ? "trc" : "trc" + app + "_";
     std::string text;
     for (const std::string& name : ListDir(setup.logs.path()))
@@ -185,7 +185,7 @@ TEST(TraceConcurrency, NewApplicationNamesRaceWhileMasksChange) {
       const std::string sub = "T" + std::to_string(t) + " ";
       std::vector<std::string> got, want;
       for (int r = 0; r < kRounds; ++r)
-        if (app.empty() || app == apps[r % 3]) want.push_back(sub + "INFO: " + apps[r % 3] + " " + std::to_string(r));
+        if (app.empty() || app == apps[r % 6]) want.push_back(sub + "INFO: " + apps[r % 6] + " " + std::to_string(r));
       for (const std::string& record : RecordTexts(text))
         if (record.rfind(sub, 0) == 0) got.push_back(record);
       EXPECT_EQ(got, want) << prefix << sub;

@@ -118,12 +118,6 @@ inline std::string ReadGz(const std::string& path, bool* whole = nullptr) {
   return out;
 }
 
-inline void WriteGz(const std::string& path, const std::string& bytes) {
-  gzFile out = gzopen(path.c_str(), "wb");
-  gzwrite(out, bytes.data(), static_cast<unsigned>(bytes.size()));
-  gzclose(out);
-}
-
 // Waits until pred() holds or the bound passes; returns pred().
 inline bool WaitUntil(const std::function<bool()>& pred,
                       std::chrono::milliseconds bound = std::chrono::seconds(20)) {

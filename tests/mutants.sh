@@ -7,38 +7,31 @@
 # does not compile NOBUILD: either means the list needs re-pointing.
 set -uo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
-only=""
-[ "${1:-}" = --only ] && only=",${2:-},"
-shm=$(df -Pk /dev/shm 2>/dev/null | awk 'NR == 2 { print $4 }')
+[ "${1:-}" = --only ] && only=",${2:-}," || only=""
 base=${TMPDIR:-/tmp}
-[ "${shm:-0}" -gt 4000000 ] && [ -w /dev/shm ] && base=/dev/shm
-work=$(mktemp -d "$base/tovi-mutants.XXXXXX")
+[ "$(df -Pk /dev/shm 2>/dev/null | awk 'NR == 2 { print $4 }')" -gt 4000000 ] 2>/dev/null && base=/dev/shm
+work=$(mktemp -d "$base/tovi-mutants.XXXXXX") || exit 2
 trap 'rm -rf "$work"' EXIT
 src=$work/src build=$work/build
-mkdir -p "$src"
 # The working-tree state of every tracked file, uncommitted edits included.
-(cd "$root" && git ls-files -z | xargs -0 cp -P --parents -t "$src" 2>/dev/null)
+mkdir -p "$src" && (cd "$root" && git ls-files -z | xargs -0 cp -P --parents -t "$src" 2>/dev/null)
 # A hang is ended by the per-test bound and counts as a failure.
-suite() { (cd "$build" && ctest --stop-on-failure -j2 --timeout 60 >"$work/ctest" 2>&1); }
-if ! { cmake -S "$src" -B "$build" -DTOVI_BUILD_EXAMPLES=OFF -DTOVI_BUILD_BENCH=OFF \
-         -DTOVI_TEST_TIMEOUT=60 && cmake --build "$build" -j2; } >"$work/log" 2>&1; then
-  tail -40 "$work/log"; echo "the unchanged tree does not build" >&2; exit 2
-fi
-suite || { tail -40 "$work/ctest"; echo "the unchanged suite fails" >&2; exit 2; }
+suite() { (cd "$build" && ctest --stop-on-failure -j2 --timeout 60 >"$work/log" 2>&1); }
+{ cmake -S "$src" -B "$build" -DTOVI_BUILD_EXAMPLES=OFF -DTOVI_BUILD_BENCH=OFF -DTOVI_TEST_TIMEOUT=60 &&
+  cmake --build "$build" -j2 && suite; } >"$work/log" 2>&1 ||
+  { tail -40 "$work/log"; echo "the unchanged tree does not build or pass" >&2; exit 2; }
 n=0 total=0 killed=0 bad=0
 while IFS='|' read -r path old new <&3; do
-  n=$((n + 1))
+  n=$((n + 1)) f=$src/$path
   [ -z "$only" ] || [[ $only == *",$n,"* ]] || continue
-  total=$((total + 1)) f=$src/$path
+  total=$((total + 1))
   count=$(OLD=$old perl -0ne 'print scalar(() = /\Q$ENV{OLD}\E/g)' "$f" 2>/dev/null || echo 0)
-  if [ "$count" != 1 ]; then
-    status="STALE($count)"
-  else
-    cp -p "$f" "$work/orig"
-    OLD=$old NEW=$new perl -0pi -e 's/\Q$ENV{OLD}\E/$ENV{NEW}/' "$f"
+  status="STALE($count)"
+  if [ "$count" = 1 ]; then
+    cp -p "$f" "$work/orig" && OLD=$old NEW=$new perl -0pi -e 's/\Q$ENV{OLD}\E/$ENV{NEW}/' "$f"
     if ! cmake --build "$build" -j2 >"$work/log" 2>&1; then status=NOBUILD
     elif suite; then status=SURVIVED
-    else status=KILLED; killed=$((killed + 1))
+    else status=KILLED killed=$((killed + 1))
     fi
     cp "$work/orig" "$f" && touch "$f"
   fi
