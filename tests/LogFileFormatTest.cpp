@@ -1,6 +1,6 @@
 // What lands in a log file, byte for byte: the head of a file, the record
 // lines, the writer thread's and the stop sequence's lines, the close line,
-// the date line, the byte-order mark, and the roll-over point.
+// the date line and the byte-order mark.
 
 #include "WriterTestSupport.h"
 
@@ -95,39 +95,6 @@ TEST(LogFileFormat, FirstFileFromCreationToClose) {
   // The console gets the record lines, never a date line.
   ExpectLines(SplitLines(printed),
               {h + "MRB INFO: console only", h + "MRB INFO: both", "ASN Trace:", "KEPT"});
-}
-
-TEST(LogFileFormat, RollOverAfterTheRecordThatCrossesTheLimit) {
-  TempDir dir;
-  const std::string logs = dir / "logs/";
-  constexpr unsigned kLimit = 1048576;
-  auto writer = NewWriter(logs, "roll_", "hdr\n", 10, kLimit, 50);
-  for (int i = 0; i < 1500; ++i) {
-    const std::string text = std::to_string(i) + std::string(1000, 'r');
-    ASSERT_TRUE(writer->AddLog("S", LEVEL_INFO, text.c_str(), nullptr, false, true));
-  }
-  writer.reset();
-  const std::vector<std::string> names = ListDir(logs);
-  ASSERT_EQ(names.size(), 2u);
-  ASSERT_TRUE(EndsWith(names[0], ".log.gz") && EndsWith(names[1], ".log")) << names[1];
-
-  const std::string first = ReadGz(logs + names[0]), second = ReadFile(logs + names[1]);
-  const std::size_t close = first.rfind("File close at ");
-  ASSERT_NE(close, std::string::npos);
-  EXPECT_EQ(first.find('\n', close), first.size() - 1) << "the close line ends the file";
-  // Past the limit after the last record, not yet before it.
-  const std::size_t lastRecordStart = first.rfind('\n', first.rfind(".T", close)) + 1;
-  EXPECT_GT(close, kLimit);
-  EXPECT_LE(lastRecordStart, kLimit);
-  // The next file has its own head and no first-file lines; the records
-  // carry on where the first file stopped.
-  const std::string lastInFirst = first.substr(lastRecordStart, close - lastRecordStart);
-  const std::string next =
-      std::to_string(std::stoul(lastInFirst.substr(lastInFirst.find("INFO: ") + 6)) + 1) + "rrr";
-  EXPECT_TRUE(std::regex_search(
-      second, std::regex(R"(^File create at time [^\n]*\nhdr\n[^T]*\.T[0-9a-f]+ S INFO: )" + next)))
-      << second.substr(0, 300);
-  EXPECT_EQ(first.find("S INFO: " + next), std::string::npos);
 }
 
 namespace {

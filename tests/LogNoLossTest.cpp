@@ -1,6 +1,7 @@
 // Many threads, one writer, files rolling over and being compressed as they
 // go: every record must arrive exactly once, in the order each thread made
-// them, and no file may ever replace another.
+// them, no file may ever replace another, and each rolls over right after
+// the record that took it past its limit.
 
 #include <numeric>
 
@@ -35,7 +36,15 @@ TEST(LogNoLoss, EveryRecordOnceInOrderAcrossRolledFiles) {
   for (const std::string& name : names) {
     EXPECT_TRUE(bases.insert(name.substr(0, name.find(".log") + 4)).second) << name;
     EXPECT_EQ(EndsWith(name, ".log.gz"), name != names.back()) << name;
-    for (const std::string& record : RecordTexts(ReadGz(dir / name))) {
+    // A file ends with the record that took it past its limit, then its
+    // close line; only the first one has the first-file lines.
+    const std::string text = ReadGz(dir / name);
+    const std::size_t close = text.rfind("\nFile close at ") + 1;
+    EXPECT_TRUE(name == names.back() || (close > 1048576 && close < 1048576 + 64 &&
+                                         text.find('\n', close) == text.size() - 1))
+        << name << " " << close;
+    EXPECT_EQ(text.find("This is the first log file") != std::string::npos, name == names.front());
+    for (const std::string& record : RecordTexts(text)) {
       int t = -1, i = -1;
       if (std::sscanf(record.c_str(), "S INFO: t%d n%d", &t, &i) == 2 && t >= 0 && t < kThreads)
         seen[t].push_back(i);

@@ -72,7 +72,6 @@ std::string AllLogs(const std::string& dir) {
 
 // A manager set up with forwarding as `syslog` says; its logs go to setup.logs.
 bool Init(std::unique_ptr<MgrRoot>& setup, const std::string& syslog) {
-  setup.reset();  // one installation root at a time
   setup = std::make_unique<MgrRoot>("debug_level=1111\ndebug_output=01\nsyslog_target=" + syslog);
   return ToviDebugMgr::Instance()->Init("fwd", "", setup->logs.path(), "hdr\n", false, false);
 }

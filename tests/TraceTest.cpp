@@ -99,38 +99,10 @@ TEST(Trace, RefusalsLeaveNothingAndMasksOnlyWiden) {
                          "Unreg ASSERT: z"}));
 }
 
-TEST(TraceApp, WriterPerApplicationNameUpToTheTableBound) {
-  // Room for the main writer and two more.
-  MgrRoot setup("debug_level=1111\ndebug_output=01\nnMaxFileNum=2\n");
-  ASSERT_TRUE(Init(setup));
-  ToviDebugMgr* mgr = ToviDebugMgr::Instance();
-  const std::string n128(128, 'n');
-  EXPECT_TRUE(mgr->Trace("Main", LEVEL_INFO, "m1", nullptr, false, false));
-  EXPECT_TRUE(mgr->AppTrace("Main", LEVEL_INFO, "m2", nullptr, false, false, ""));
-  EXPECT_TRUE(mgr->AppTrace("First", LEVEL_INFO, "a1", nullptr, false, false, "App"));
-  EXPECT_TRUE(mgr->AppTrace("Second", LEVEL_WARN, "a2", nullptr, false, false, "App"));
-  for (const std::string& name :
-       {n128 + "n", std::string("a/b"), std::string("a\\b"), std::string("..")})
-    EXPECT_FALSE(mgr->AppTrace("Bad", LEVEL_INFO, "bad", nullptr, false, true, name)) << name;
-  EXPECT_TRUE(mgr->AppTrace("Long", LEVEL_INFO, "l1", nullptr, false, false, n128));
-  // The table is full now: every application call is refused, known names too.
-  for (const char* name : {"Three", "App", ""})
-    EXPECT_FALSE(mgr->AppTrace("S", LEVEL_INFO, "full", nullptr, false, false, name)) << name;
-  EXPECT_TRUE(mgr->Trace("Main", LEVEL_INFO, "m3", nullptr, false, false));
-  ToviDebugMgr::Destroy();
-
-  EXPECT_EQ(ListDir(setup.root.path()), std::vector<std::string>{"etc"});
-  EXPECT_EQ(ListDir(setup.logs.path()).size(), 3u) << "a refused name left something behind";
-  const std::string& logs = setup.logs.path();
-  EXPECT_TRUE(WholeFile(logs, "trc", "hdr\n", {"Main INFO: m1", "Main INFO: m2", "Main INFO: m3"}));
-  // The first call's sub-module heads an application's file.
-  EXPECT_TRUE(WholeFile(logs, "trcApp_", "First", {"First INFO: a1", "Second WARN: a2"}));
-  EXPECT_TRUE(WholeFile(logs, "trc" + n128 + "_", "Long", {"Long INFO: l1"}));
-}
-
 // The registry changes under the lookups of every call: tracing threads
 // register names of their own and race to make the same application
-// writers, while one thread changes masks and reads them all.
+// writers, one writer and one file per name, while one thread changes masks
+// and reads them all.
 TEST(TraceConcurrency, NewApplicationNamesRaceWhileMasksChange) {
   MgrRoot setup("debug_level=1111\ndebug_output=01\nnMaxFileNum=10\n");
   ASSERT_TRUE(Init(setup));
@@ -170,11 +142,18 @@ TEST(TraceConcurrency, NewApplicationNamesRaceWhileMasksChange) {
   }
   for (auto& th : threads) th.join();
   ASSERT_TRUE(mgr->GetAllModuleInfo(items));
+  // Application names that would leave the log directory, or are too long,
+  // are refused; four more fill the table, which then refuses known names too.
+  for (const std::string& name : {std::string("a/b"), std::string("a\\b"), std::string(".."), std::string(129, 'n')})
+    EXPECT_FALSE(mgr->AppTrace("S", LEVEL_INFO, "x", nullptr, false, true, name)) << name;
+  for (const char* name : {"A", "B", "C", "D"}) EXPECT_TRUE(mgr->AppTrace("S", LEVEL_INFO, "x", nullptr, false, false, name));
+  EXPECT_FALSE(mgr->AppTrace("S", LEVEL_INFO, "x", nullptr, false, false, "U"));
   ToviDebugMgr::Destroy();
   EXPECT_EQ(items.size(), 1u + kThreads * kRounds);  // "debug" and every name registered
   // One writer, so one file, for each name, headed by a tracing thread's
   // sub-module; in it each thread's records, all of them, in order.
-  EXPECT_EQ(ListDir(setup.logs.path()).size(), 7u);
+  EXPECT_EQ(ListDir(setup.logs.path()).size(), 11u);
+  EXPECT_EQ(ListDir(setup.root.path()), std::vector<std::string>{"etc"});
   for (const std::string app : {"", "U", "V", "W", "X", "Y", "Z"}) {
     const std::string prefix = app.empty() ? "trc" : "trc" + app + "_";
     std::string text;
