@@ -9,15 +9,13 @@ using tovitest::WriteFile;
 using Items = std::map<std::string, std::string>;
 using namespace std::string_literals;
 
-namespace {
 // The value for key, or "<none>"; the buffer lives on the heap so that a
 // missing terminator or an overrun shows under ASan.
-std::string Lookup(const std::string& file, const char* key) {
+static std::string Lookup(const std::string& file, const char* key) {
   std::vector<char> buf(2048, '\x7f');
   int len = static_cast<int>(buf.size());
   return ToviGetCfgString(key, buf.data(), len, file.c_str()) ? std::string(buf.data()) : "<none>";
 }
-}  // namespace
 
 TEST(CfgLookup, FollowsTheLineRules) {
   TempDir dir;

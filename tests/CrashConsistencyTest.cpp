@@ -16,14 +16,12 @@
 
 using namespace tovitest;
 
-namespace {
-
 constexpr int kThreads = 4;
 constexpr int kRecordsPerThread = 100000;
 
 // The child: four threads trace until killed; each publishes how many of
 // its records were accepted.
-[[noreturn]] void TraceUntilKilled(const std::string& dir, std::atomic<uint64_t>* accepted) {
+[[noreturn]] static void TraceUntilKilled(const std::string& dir, std::atomic<uint64_t>* accepted) {
   ToviDebugMgr* mgr = ToviDebugMgr::Instance();
   if (!mgr->Init("crash", "", dir, "crash test\n", false, false)) ::_exit(3);
   std::vector<std::thread> threads;
@@ -41,8 +39,6 @@ constexpr int kRecordsPerThread = 100000;
   ToviDebugMgr::Destroy();
   ::_exit(0);
 }
-
-}  // namespace
 
 TEST(CrashConsistency, KilledMidRunLeavesWholeFilesAndGapFreePrefixes) {
   ScopedRoot root("nEachFileMaxSize=1\nnEachProcessMaxZipNum=50\n");

@@ -6,14 +6,12 @@
 
 using namespace tovitest;
 
-namespace {
-
 typedef std::pair<std::bitset<32>, std::bitset<32>> Masks;
 typedef std::map<std::string, Masks> ModuleMap;
 
 // The registry after a trace-off Init, which reads the configuration and
 // makes no writer; given names Init's debug file in etc/conf/.
-ModuleMap Registry(const std::string& debugFile, const std::string& productFile,
+static ModuleMap Registry(const std::string& debugFile, const std::string& productFile,
                    const std::string& given = "") {
   MgrRoot inst(debugFile, productFile);
   ModuleMap modules;
@@ -26,7 +24,7 @@ ModuleMap Registry(const std::string& debugFile, const std::string& productFile,
 // Runs a writer under the given files and checks what it was given: how many
 // application writers the table takes beside the main one, how many records
 // are held back for an assertion, how many of 60 planted archives are kept.
-void CheckLimits(const std::string& debugFile, const std::string& productFile,
+static void CheckLimits(const std::string& debugFile, const std::string& productFile,
                  const std::string& initName, int appWriters, int held, int archives) {
   MgrRoot inst(debugFile, productFile);
   for (int i = 10; i < 70; ++i) WriteFile(inst.logs / (initName + "20010101_0000" + std::to_string(i) + ".log.gz"), "");
@@ -45,8 +43,6 @@ void CheckLimits(const std::string& debugFile, const std::string& productFile,
   EXPECT_EQ(names.size(), archives + 1u + appWriters) << initName;
   EXPECT_TRUE(text.find("held-0;") == std::string::npos && text.find("held-1;") != std::string::npos);
 }
-
-}  // namespace
 
 TEST(DebugConfig, MasksFromTheDebugAndProductFiles) {
   const Masks defaults{Bits({0, 1}), Bits({1})};

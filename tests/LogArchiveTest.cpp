@@ -11,10 +11,8 @@
 namespace fs = std::filesystem;
 using namespace tovitest;
 
-namespace {
-
 // The name that the writer with prefix "app_" gives a file made at second t.
-std::string LogName(std::time_t t) {
+static std::string LogName(std::time_t t) {
   std::tm local{};
   char buf[64];
   std::strftime(buf, sizeof buf, "app_%Y%m%d_%H%M%S.log", localtime_r(&t, &local));
@@ -23,7 +21,7 @@ std::string LogName(std::time_t t) {
 
 // The writer's own regular files ending in `ending`, sorted: the prefix,
 // fifteen characters of time, the ending.
-std::vector<std::string> Logs(const std::string& dir, const std::string& prefix,
+static std::vector<std::string> Logs(const std::string& dir, const std::string& prefix,
                               const std::string& ending) {
   std::vector<std::string> out;
   for (const std::string& name : ListDir(dir)) {
@@ -35,7 +33,7 @@ std::vector<std::string> Logs(const std::string& dir, const std::string& prefix,
 }
 
 // Every entry of dir: a file by its bytes, a directory by how much it holds.
-std::map<std::string, std::string> Snapshot(const std::string& dir) {
+static std::map<std::string, std::string> Snapshot(const std::string& dir) {
   std::map<std::string, std::string> out;
   for (const std::string& name : ListDir(dir)) {
     const std::string path = dir + name;
@@ -47,7 +45,7 @@ std::map<std::string, std::string> Snapshot(const std::string& dir) {
 
 // The writer's plain log file that sorts after `after`, once it shows up;
 // empty when none does.
-std::string WaitForLogAfter(const std::string& dir, const std::string& prefix,
+static std::string WaitForLogAfter(const std::string& dir, const std::string& prefix,
                             const std::string& after) {
   std::vector<std::string> logs;
   WaitUntil([&] { return !(logs = Logs(dir, prefix, ".log")).empty() && logs.back() > after; });
@@ -55,18 +53,16 @@ std::string WaitForLogAfter(const std::string& dir, const std::string& prefix,
 }
 
 // Runs a writer with prefix "app_" in dir until its own file shows up.
-std::string RunWriter(const std::string& dir, const std::string& after) {
+static std::string RunWriter(const std::string& dir, const std::string& after) {
   auto writer = NewWriter(dir, "app_", "", 100, 1u << 20);
   return WaitForLogAfter(dir, "app_", after);
 }
 
 // Log-like bytes that a text-mode reader or a sloppy copy would mangle.
-std::string OddBytes(const std::string& tag) {
+static std::string OddBytes(const std::string& tag) {
   return "File create at time 2024-01-01 00:00:00.\r\n" + tag + std::string("\0\x01\xff\n", 4) +
          std::string(3000, 'x') + "\nno final line end";
 }
-
-}  // namespace
 
 TEST(LogArchive, StartCompressesTheNewestTrimsTheOldestAndTouchesNothingElse) {
   TempDir dir;
@@ -75,9 +71,8 @@ TEST(LogArchive, StartCompressesTheNewestTrimsTheOldestAndTouchesNothingElse) {
   // so that a loose match would compress it instead of the real newest one.
   for (const char* name : {"app_19990101_000000.tar.gz", "app_19990101_000000.tar",
                            "app_19990101_00000.log.gz", "APP_19990101_000000.log.gz", "app_x.log",
-                           "app_20991231_235959.LOG", "app_20991231_235959.log.bak"}) {
+                           "app_20991231_235959.LOG", "app_20991231_235959.log.bak"})
     WriteFile(dir / name, OddBytes(name));
-  }
   // Directories named like a newest plain file and an oldest compressed
   // one, and one where a plain file's archive would go: that file stays.
   for (const char* name : {"app_20991231_235959.log", "app_19990101_000000.log.gz",
@@ -92,8 +87,8 @@ TEST(LogArchive, StartCompressesTheNewestTrimsTheOldestAndTouchesNothingElse) {
   const std::string newest = LogName(now + 3);
   WriteFile(dir / (LogName(now + 4) + ".gz"), "taken by a compressed file");
   std::vector<std::string> gz;
-  for (int y = 2010; y < 2022; ++y) gz.push_back("app_" + std::to_string(y) + "0101_000000.log.gz");
-  for (const std::string& name : gz) WriteFile(dir / name, name);
+  for (int y = 2010; y < 2022; ++y)
+    WriteFile(dir / gz.emplace_back("app_" + std::to_string(y) + "0101_000000.log.gz"), "");
   std::map<std::string, std::string> expected = Snapshot(dir.path());
 
   const std::string own = RunWriter(dir.path(), LogName(now + 4));
@@ -124,18 +119,14 @@ TEST(LogArchive, FirstFileOfTheRunIsSparedAndCountsTowardTheLimit) {
     SCOPED_TRACE(c.prefix + " limit " + std::to_string(c.limit));
     TempDir dir;
     std::vector<std::string> earlier;
-    for (int i = 0; i < 10; ++i) {
-      earlier.push_back(c.prefix + "20990101_00000" + std::to_string(i) + ".log.gz");
-      WriteFile(dir / earlier.back(), earlier.back());
-    }
+    for (int i = 0; i < 10; ++i)
+      WriteFile(dir / earlier.emplace_back(c.prefix + "20990101_00000" + std::to_string(i) + ".log.gz"), "");
     // Every record with file output rolls the file over.
     auto writer = NewWriter(dir.path(), c.prefix, "", 100, 1, c.limit);
     std::vector<std::string> plain{""};
     for (std::size_t step = 0; step < c.steps.size(); ++step) {
       const std::string record = "record #" + std::to_string(step) + "#";
-      if (step > 0) {
-        ASSERT_TRUE(writer->AddLog("sub", LEVEL_INFO, record.c_str(), nullptr, false, true));
-      }
+      ASSERT_TRUE(step == 0 || writer->AddLog("sub", LEVEL_INFO, record.c_str(), nullptr, false, true));
       plain.push_back(WaitForLogAfter(dir.path(), c.prefix, plain.back()));
       ASSERT_FALSE(plain.back().empty());
       std::vector<std::string> expected, archives;

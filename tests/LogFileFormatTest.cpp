@@ -6,21 +6,17 @@
 
 using namespace tovitest;
 
-namespace {
-
 const char kTime[] = R"(\d\d:\d\d:\d\d\.\d{6})";
 const char kStamp[] = R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6})";
 
 // Matches each line against its pattern; reports the first difference.
-void ExpectLines(const std::vector<std::string>& lines, const std::vector<std::string>& patterns) {
+static void ExpectLines(const std::vector<std::string>& lines, const std::vector<std::string>& patterns) {
   ASSERT_EQ(lines.size(), patterns.size()) << ::testing::PrintToString(lines);
   for (std::size_t i = 0; i < lines.size(); ++i) {
     EXPECT_TRUE(std::regex_match(lines[i], std::regex(patterns[i])))
         << "line " << i << ": '" << lines[i] << "' !~ /" << patterns[i] << "/";
   }
 }
-
-}  // namespace
 
 TEST(LogFileFormat, FirstFileFromCreationToClose) {
   ScopedEnv locale("TOVI_LOCALE", nullptr);
@@ -97,12 +93,10 @@ TEST(LogFileFormat, FirstFileFromCreationToClose) {
               {h + "MRB INFO: console only", h + "MRB INFO: both", "ASN Trace:", "KEPT"});
 }
 
-namespace {
-
 // Runs in a process in which nothing has been logged and the locale has not
 // been looked at yet (a death-test child); reports through its exit code and
 // standard error.
-int LocaleChild(const char* locale, bool expectUtf8) {
+static int LocaleChild(const char* locale, bool expectUtf8) {
   const auto fail = [](const std::string& s) { return std::fprintf(stderr, "%s\n", s.c_str()), 1; };
   locale != nullptr ? ::setenv("TOVI_LOCALE", locale, 1) : ::unsetenv("TOVI_LOCALE");
   const bool decided = TOVIIsGlobalVersion();
@@ -136,8 +130,6 @@ int LocaleChild(const char* locale, bool expectUtf8) {
   if (a.rfind(bom + "File create at time ", 0) != 0) return fail("log file head: " + a);
   return 0;
 }
-
-}  // namespace
 
 TEST(LogFileFormat, FreshProcessDateLineAndByteOrderMark) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");

@@ -13,8 +13,6 @@
 
 using namespace tovitest;
 
-namespace {
-
 // Generous enough for a loaded sanitizer build; only a hang exceeds it.
 constexpr double kHangBound = 5.0;
 // What the output queue holds before producers have to wait: each small
@@ -26,20 +24,20 @@ constexpr std::size_t kQueueRecords = (recordblock::kQueueWaterMark + kRecordCos
 const std::string kTag = "fault INFO: ";
 
 template <typename F>
-double Seconds(F&& f) {
+static double Seconds(F&& f) {
   const auto start = std::chrono::steady_clock::now();
   f();
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
-bool Log(ToviLogWriter& writer, const std::string& text, const AsnType* asn = nullptr,
+static bool Log(ToviLogWriter& writer, const std::string& text, const AsnType* asn = nullptr,
          bool print = false) {
   return writer.AddLog("fault", LEVEL_INFO, text.c_str(), asn, print, true);
 }
 
 // The records of a log text must be want, in order. Reports the first
 // difference only: the sequences here run to a quarter of a million entries.
-void ExpectRecords(const std::string& text, std::vector<std::string> want) {
+static void ExpectRecords(const std::string& text, std::vector<std::string> want) {
   for (std::string& w : want) w = kTag + w;
   const std::vector<std::string> got = RecordTexts(text);
   const auto diff = std::mismatch(got.begin(), got.end(), want.begin(), want.end());
@@ -50,7 +48,7 @@ void ExpectRecords(const std::string& text, std::vector<std::string> want) {
 // 2000 records of some 200 bytes where no file may grow past `bytes`: 0 when
 // every record was queued and the files hold each of them once, in order,
 // whole, within the limit, each file with its head.
-int WriteUnderAFileSizeLimit(rlim_t bytes) {
+static int WriteUnderAFileSizeLimit(rlim_t bytes) {
   ::alarm(60);  // a hang becomes a failed exit instead of a stalled run
   std::signal(SIGXFSZ, SIG_IGN);
   const struct rlimit limit {bytes, bytes};
@@ -75,8 +73,6 @@ int WriteUnderAFileSizeLimit(rlim_t bytes) {
   }
   return ok && RecordTexts(all) == want ? 0 : 1;
 }
-
-}  // namespace
 
 // Writers whose directory cannot be reached (a regular file stands in a
 // parent's place, a name is too long) keep their records, refuse one on a

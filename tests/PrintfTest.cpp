@@ -9,11 +9,9 @@
 
 using namespace tovitest;
 
-namespace {
-
 // The text with the head of each of this thread's record lines, the time of
 // day and the thread id, and any date line before it replaced by "@".
-std::string Marked(const std::string& text) {
+static std::string Marked(const std::string& text) {
   const std::string tid = Hex(toviport::CurrentThreadId()) + " ";
   const std::regex head(R"(\n(Current date.*\n)?\d\d:\d\d:\d\d\.\d{6}\.T)" + tid);
   return std::regex_replace("\n" + text, head, "\n@").substr(1);
@@ -21,7 +19,7 @@ std::string Marked(const std::string& text) {
 
 // What the main writer's one file holds between its opening lines and its
 // stop lines, record heads marked: the records and nothing else, if all is well.
-std::string Logged(const MgrRoot& setup) {
+static std::string Logged(const MgrRoot& setup) {
   const std::string all = ReadFile(setup.logs / ListDir(setup.logs.path()).at(0));
   const std::size_t from = all.find('\n', all.find("Thread handle output string")) + 1;
   return Marked(all.substr(from, all.find("thread handle output string exit") - from));
@@ -29,7 +27,7 @@ std::string Logged(const MgrRoot& setup) {
 
 // The switches are read once per process, so each product configuration is
 // tried in a death-test child of its own.
-bool Child(const std::string& productCfg, bool print, bool log) {
+static bool Child(const std::string& productCfg, bool print, bool log) {
   // "MRB" is registered with no output at all, so the switches alone decide.
   MgrRoot setup("MRB_level=1111\nMRB_output=00\n", productCfg);
   if (!ToviDebugMgr::Instance()->Init("prt", "", setup.logs.path(), "", false, false)) return false;
@@ -50,8 +48,6 @@ bool Child(const std::string& productCfg, bool print, bool log) {
   std::fprintf(stderr, "printed:\n%s\nlogged:\n%s\n", printed.c_str(), logged.c_str());
   return ToviAppIsExit() && printed == (print ? all : "") && logged == (log ? all : "");
 }
-
-}  // namespace
 
 TEST(Printf, RefusalsDefaultsAndTheSubModuleWrapper) {
   MgrRoot setup("debug_level=1111\ndebug_output=01\n");  // levels 0 to 3 to the file only

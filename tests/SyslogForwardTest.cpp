@@ -19,9 +19,7 @@ class Collector {
 public:
   explicit Collector(bool tcp) : tcp_(tcp) { Listen(); }
   ~Collector() { Kill(); }
-  std::string Target() const {
-    return std::string(tcp_ ? "tcp" : "udp") + "://127.0.0.1:" + std::to_string(port_);
-  }
+  std::string Target() const { return (tcp_ ? "tcp://127.0.0.1:" : "udp://127.0.0.1:") + std::to_string(port_); }
   // As in a crash: the connection and the port close; a frame that the
   // connection cut comes again, whole, on the next one.
   void Kill() {
@@ -175,8 +173,10 @@ TEST(SyslogForward, CollectorKilledAndRestarted) {
     });
   };
   std::vector<std::string> wantUp, up, notices;
-  for (int i = 0; i < 20; ++i) wantUp.push_back("before " + std::to_string(i));
-  for (const std::string& text : wantUp) EXPECT_TRUE(Trace("Up", 3, text));
+  const auto traceUp = [&](const std::string& when) {
+    for (int i = 0; i < 20; ++i) EXPECT_TRUE(Trace("Up", 3, wantUp.emplace_back(when + std::to_string(i))));
+  };
+  traceUp("before ");
   ASSERT_TRUE(arrived("before 19$"));
   collector.Kill();
   std::this_thread::sleep_for(std::chrono::milliseconds(200));
@@ -184,8 +184,7 @@ TEST(SyslogForward, CollectorKilledAndRestarted) {
   for (int i = 0; i < 300; ++i) EXPECT_TRUE(Trace("Down", 3, std::to_string(i) + std::string(1000, 'p')));
   collector.Listen();
   EXPECT_TRUE(arrived("\\d+" + std::string(kDropped)));
-  for (int i = 0; i < 20; ++i) wantUp.push_back("after " + std::to_string(i));
-  for (auto it = wantUp.end() - 20; it != wantUp.end(); ++it) EXPECT_TRUE(Trace("Up", 3, *it));
+  traceUp("after ");
   EXPECT_TRUE(arrived("after 19$"));
   ToviDebugMgr::Destroy();
   std::vector<int> kept;

@@ -6,16 +6,14 @@
 
 using namespace tovitest;
 
-namespace {
-
 const char kTime[] = R"(\d\d:\d\d:\d\d\.\d{6}\.T)";
 
 // A record as this thread would make it: "<tid hex> <record text>".
-std::string Mine(const std::string& text) { return Hex(toviport::CurrentThreadId()) + " " + text; }
+static std::string Mine(const std::string& text) { return Hex(toviport::CurrentThreadId()) + " " + text; }
 
 // A pattern for these records of this thread, one line each, each after an
 // optional line `before`.
-std::string Lines(std::initializer_list<const char*> records, const std::string& before = "") {
+static std::string Lines(std::initializer_list<const char*> records, const std::string& before = "") {
   std::string pattern;
   for (const char* record : records) pattern += before + kTime + Mine(record) + "\n";
   return pattern;
@@ -24,7 +22,7 @@ std::string Lines(std::initializer_list<const char*> records, const std::string&
 // All a writer's log files hold, in name order, against a pattern for its
 // only file from creation to close: the header given, then these records and
 // nothing else between the opening and the stop lines.
-::testing::AssertionResult WholeFile(const std::string& dir, const std::string& prefix,
+static ::testing::AssertionResult WholeFile(const std::string& dir, const std::string& prefix,
                                      const std::string& header,
                                      std::initializer_list<const char*> records) {
   const std::regex named(prefix + R"(\d{8}_\d{6}\.log)");
@@ -39,11 +37,9 @@ std::string Lines(std::initializer_list<const char*> records, const std::string&
   return ::testing::AssertionFailure() << "unexpected text:\n" << text;
 }
 
-bool Init(const MgrRoot& setup, bool traceOff = false) {
+static bool Init(const MgrRoot& setup, bool traceOff = false) {
   return ToviDebugMgr::Instance()->Init("trc", "", setup.logs.path(), "hdr\n", false, traceOff);
 }
-
-}  // namespace
 
 TEST(Trace, RefusalsLeaveNothingAndMasksOnlyWiden) {
   // "debug": INFO only, console and file. "Quiet": INFO, no output.

@@ -11,11 +11,8 @@
 
 #include <algorithm>
 #include <array>
-#include <atomic>
 #include <chrono>
-#include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <functional>
@@ -140,9 +137,7 @@ struct MgrRoot : ScopedRoot {
 // Restore() puts it back and returns what was printed.
 class StdoutCapture {
 public:
-  StdoutCapture() : path_(dir_ / "stdout.txt") {
-    std::fflush(stdout);
-    saved_ = ::dup(1);
+  StdoutCapture() : saved_((std::fflush(stdout), ::dup(1))) {
     const int fd = ::open(path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
     ::dup2(fd, 1), ::close(fd);
   }
@@ -156,9 +151,9 @@ public:
   }
 
 private:
+  int saved_;
   TempDir dir_;
-  std::string path_;
-  int saved_ = -1;
+  std::string path_ = dir_ / "stdout.txt";
 };
 
 // An ASN.1 value that prints a fixed text and counts how many of its

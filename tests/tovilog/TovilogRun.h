@@ -34,10 +34,8 @@ public:
   // The exit status; -1 when the child had to be killed after `bound`.
   int Wait(std::chrono::seconds bound = std::chrono::seconds(120)) {
     int status = 0;
-    if (pid_ > 0 && !WaitUntil([&] { return ::waitpid(pid_, &status, WNOHANG) != 0; }, bound)) {
-      ::kill(pid_, SIGKILL);
-      ::waitpid(pid_, &status, 0);
-    }
+    if (pid_ > 0 && !WaitUntil([&] { return ::waitpid(pid_, &status, WNOHANG) != 0; }, bound))
+      ::kill(pid_, SIGKILL), ::waitpid(pid_, &status, 0);
     pid_ = -1;
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   }
@@ -54,11 +52,9 @@ struct Result {
   int status;
   std::string out, err;
 };
-
 inline Result RunTovilog(const std::vector<std::string>& args) {
   TovilogChild child(args);
-  const int status = child.Wait();
-  return {status, child.Out(), child.Err()};
+  return {child.Wait(), child.Out(), child.Err()};
 }
 
 // The JSON objects of --json output, one per line.
