@@ -16,8 +16,7 @@
 
 using namespace tovitest;
 
-constexpr int kThreads = 4;
-constexpr int kRecordsPerThread = 100000;
+constexpr int kThreads = 4, kRecordsPerThread = 100000;
 
 // The child: four threads trace until killed; each publishes how many of
 // its records were accepted.

@@ -15,8 +15,7 @@ static ModuleMap Registry(const std::string& debugFile, const std::string& produ
                    const std::string& given = "") {
   MgrRoot inst(debugFile, productFile);
   ModuleMap modules;
-  const std::string path = given.empty() ? "" : inst.Conf(given);
-  if (ToviDebugMgr::Instance()->Init("cfg_", path, inst.logs.path(), "", false, true))
+  if (ToviDebugMgr::Instance()->Init("cfg_", given.empty() ? "" : inst.Conf(given), inst.logs.path(), "", false, true))
     ToviDebugMgr::Instance()->GetAllModuleInfo(modules);
   return modules;
 }

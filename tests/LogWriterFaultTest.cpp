@@ -18,20 +18,17 @@ constexpr double kHangBound = 5.0;
 // What the output queue holds before producers have to wait: each small
 // record costs its block and ACE's two headers for it, and a record is let
 // in while the queue is below the mark.
-constexpr std::size_t kRecordCost =
-    recordblock::kBlockSizes[0] + sizeof(ACE_Message_Block) + sizeof(ACE_Data_Block);
+constexpr std::size_t kRecordCost = recordblock::kBlockSizes[0] + sizeof(ACE_Message_Block) + sizeof(ACE_Data_Block);
 constexpr std::size_t kQueueRecords = (recordblock::kQueueWaterMark + kRecordCost - 1) / kRecordCost;
 const std::string kTag = "fault INFO: ";
 
-template <typename F>
-static double Seconds(F&& f) {
+static double Seconds(const std::function<void()>& f) {
   const auto start = std::chrono::steady_clock::now();
   f();
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
-static bool Log(ToviLogWriter& writer, const std::string& text, const AsnType* asn = nullptr,
-         bool print = false) {
+static bool Log(ToviLogWriter& writer, const std::string& text, const AsnType* asn = nullptr, bool print = false) {
   return writer.AddLog("fault", LEVEL_INFO, text.c_str(), asn, print, true);
 }
 

@@ -8,33 +8,13 @@ using namespace tovitest;
 
 const char kTime[] = R"(\d\d:\d\d:\d\d\.\d{6}\.T)";
 
-// A record as this thread would make it: "<tid hex> <record text>".
-static std::string Mine(const std::string& text) { return Hex(toviport::CurrentThreadId()) + " " + text; }
-
 // A pattern for these records of this thread, one line each, each after an
 // optional line `before`.
 static std::string Lines(std::initializer_list<const char*> records, const std::string& before = "") {
   std::string pattern;
-  for (const char* record : records) pattern += before + kTime + Mine(record) + "\n";
+  for (const char* record : records)
+    pattern += before + kTime + Hex(toviport::CurrentThreadId()) + " " + record + "\n";
   return pattern;
-}
-
-// All a writer's log files hold, in name order, against a pattern for its
-// only file from creation to close: the header given, then these records and
-// nothing else between the opening and the stop lines.
-static ::testing::AssertionResult WholeFile(const std::string& dir, const std::string& prefix,
-                                     const std::string& header,
-                                     std::initializer_list<const char*> records) {
-  const std::regex named(prefix + R"(\d{8}_\d{6}\.log)");
-  std::string text;
-  for (const std::string& name : ListDir(dir))
-    if (std::regex_match(name, named)) text += ReadFile(dir + name);
-  const std::string pattern = "[^\n]*File create at .*\n" + header +
-                              "This is the first log file\n.*\n" +
-                              Lines(records, "(Current date&time:.*\n)?") +
-                              "thread handle output string exit\n(.*\n){3}File close at .*\n";
-  if (std::regex_match(text, std::regex(pattern))) return ::testing::AssertionSuccess();
-  return ::testing::AssertionFailure() << "unexpected text:\n" << text;
 }
 
 static bool Init(const MgrRoot& setup, bool traceOff = false) {
@@ -89,10 +69,17 @@ TEST(Trace, RefusalsLeaveNothingAndMasksOnlyWiden) {
                                  "Unreg ASSERT: z"}))))
       << printed;
   EXPECT_EQ(ListDir(setup.logs.path()).size(), 1u) << "a refused call made a writer";
-  EXPECT_TRUE(WholeFile(setup.logs.path(), "trc", "hdr\n",
-                        {"Unreg INFO: a", "Quiet INFO: e", "Loud INFO: f", "Loud WARN: h",
-                         "S edge", "Unreg WARN: i", "Unreg WARN: b", "Quiet INFO: c",
-                         "Unreg ASSERT: z"}));
+  // The writer's only file: these records and nothing else between the
+  // opening lines and the stop lines.
+  const std::string text = OnlyLog(setup.logs.path());
+  EXPECT_TRUE(std::regex_match(
+      text, std::regex("[^\n]*File create at .*\nhdr\nThis is the first log file\n.*\n" +
+                       Lines({"Unreg INFO: a", "Quiet INFO: e", "Loud INFO: f", "Loud WARN: h",
+                              "S edge", "Unreg WARN: i", "Unreg WARN: b", "Quiet INFO: c",
+                              "Unreg ASSERT: z"},
+                             "(Current date&time:.*\n)?") +
+                       "thread handle output string exit\n(.*\n){3}File close at .*\n")))
+      << text;
 }
 
 // The registry changes under the lookups of every call: tracing threads

@@ -65,11 +65,7 @@ inline std::size_t Occurrences(const std::string& text, const std::string& needl
 }
 
 // A thread id as the log lines print it.
-inline std::string Hex(uint32_t v) {
-  char buf[16];
-  std::snprintf(buf, sizeof buf, "%x", v);
-  return buf;
-}
+inline std::string Hex(uint32_t v) { char buf[16]; return std::string(buf, std::snprintf(buf, sizeof buf, "%x", v)); }
 
 // The lines of text without their ends; an unterminated last line is marked.
 inline std::vector<std::string> SplitLines(const std::string& text) {
@@ -98,8 +94,7 @@ inline std::vector<std::string> RecordTexts(const std::string& log) {
 inline std::string OnlyLog(const std::string& dir) {
   std::vector<std::string> logs;
   for (const std::string& name : ListDir(dir)) if (EndsWith(name, ".log")) logs.push_back(name);
-  return logs.size() == 1 ? ReadFile(dir + "/" + logs[0])
-                          : "<" + std::to_string(logs.size()) + " log files>";
+  return logs.size() == 1 ? ReadFile(dir + "/" + logs[0]) : "<" + std::to_string(logs.size()) + " log files>";
 }
 
 // The content of a gzip file, or of a plain one; whole says whether zlib

@@ -8,10 +8,8 @@
 set -uo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 [ "${1:-}" = --only ] && only=",${2:-}," || only=""
-base=${TMPDIR:-/tmp}
-[ "$(df -Pk /dev/shm 2>/dev/null | awk 'NR == 2 { print $4 }')" -gt 4000000 ] 2>/dev/null && base=/dev/shm
-work=$(mktemp -d "$base/tovi-mutants.XXXXXX") || exit 2
-trap 'rm -rf "$work"' EXIT
+[ "$(df -Pk /dev/shm 2>/dev/null | awk 'NR == 2 { print $4 }')" -gt 4000000 ] 2>/dev/null && base=/dev/shm || base=${TMPDIR:-/tmp}
+work=$(mktemp -d "$base/tovi-mutants.XXXXXX") && trap 'rm -rf "$work"' EXIT || exit 2
 src=$work/src build=$work/build
 # The working-tree state of every tracked file, uncommitted edits included.
 mkdir -p "$src" && (cd "$root" && git ls-files -z | xargs -0 cp -P --parents -t "$src" 2>/dev/null)
@@ -24,8 +22,7 @@ n=0 total=0 killed=0 bad=0
 while IFS='|' read -r path old new <&3; do
   n=$((n + 1)) f=$src/$path
   [ -z "$only" ] || [[ $only == *",$n,"* ]] || continue
-  total=$((total + 1))
-  count=$(OLD=$old perl -0ne 'print scalar(() = /\Q$ENV{OLD}\E/g)' "$f" 2>/dev/null || echo 0)
+  total=$((total + 1)) count=$(OLD=$old perl -0ne 'print scalar(() = /\Q$ENV{OLD}\E/g)' "$f" 2>/dev/null || echo 0)
   status="STALE($count)"
   if [ "$count" = 1 ]; then
     cp -p "$f" "$work/orig" && OLD=$old NEW=$new perl -0pi -e 's/\Q$ENV{OLD}\E/$ENV{NEW}/' "$f"
