@@ -1,68 +1,47 @@
 // The key=value reader: trimming, line splitting, lookups and the loader,
 // on real files, including files that no one should have to read.
-#include <gtest/gtest.h>
 
-#include <cstring>
-#include <map>
-#include <string>
-#include <vector>
-
-#include "ToviBaseUtil.h"
-#include "TestSupport.h"
+#include "WriterTestSupport.h"
 #include "baseutil/ConfigReader.h"
 
 using tovitest::TempDir;
 using tovitest::WriteFile;
 using Items = std::map<std::string, std::string>;
+using namespace std::string_literals;
 
-namespace {
 // The value for key, or "<none>"; the buffer lives on the heap so that a
 // missing terminator or an overrun shows under ASan.
-std::string Lookup(const std::string& file, const char* key) {
+static std::string Lookup(const std::string& file, const char* key) {
   std::vector<char> buf(2048, '\x7f');
   int len = static_cast<int>(buf.size());
   return ToviGetCfgString(key, buf.data(), len, file.c_str()) ? std::string(buf.data()) : "<none>";
-}
-}  // namespace
-
-TEST(Trim, BlanksAreSpaceAndTabOnly) {
-  const std::pair<const char*, const char*> trims[] = {
-      {"   ", ""}, {"\tab x ", "ab x"}, {"ab\r", "ab\r"}, {"", ""}, {" \t x\ty \t ", "x\ty"}};
-  for (const auto& t : trims) {
-    // Exactly sized, so that a step before the start or past the end shows.
-    std::vector<char> buf(t.first, t.first + std::strlen(t.first) + 1);
-    ToviStrTrim(buf.data());
-    EXPECT_STREQ(buf.data(), t.second) << t.first;
-  }
-  ToviStrTrim(nullptr);
 }
 
 TEST(CfgLookup, FollowsTheLineRules) {
   TempDir dir;
   const std::string file = dir / "tovi.cfg";
-  WriteFile(file,
-            "  # c=1\nnote=1 # note\nk=v=w\n key 1 =  value with blanks  \r\n"
-            "dup=1\ndup=2\n\n   \t \nten=0123456789\nkey=1\n"
-            "n=12abc\nna=abc\nneg=-42\nhuge=99999999999\nlone=a\rb\nlast=end");
-
-  // Comments, trailing text, "=" in values, blanks, CR LF, duplicates, a
-  // lone CR, a last line without LF; keys match exactly and untrimmed.
+  WriteFile(file, "  # c=1\nnote=1 # note\nk=v=w\n key 1 = \t value with blanks \t\r\n"
+                  "dup=1\ndup=2\n\n   \t \nten=0123456789\nkey=1\na\0b=1\nx=2\0junk\n"
+                  "n=12abc\nna=abc\nneg=-42\nhuge=99999999999\nlone=a\rb\nlast=end"s);
+  // Comments, trailing text, "=" in values, blanks and tabs, CR LF,
+  // duplicates, a lone CR, NUL bytes, a last line without LF; keys match
+  // exactly and untrimmed.
   const std::pair<const char*, const char*> expected[] = {
-      {"c", "<none>"},    {"# c", "<none>"}, {"note", "1 # note"}, {"k", "v=w"},
-      {"key 1", "value with blanks"},        {"dup", "1"},         {"lone", "a\rb"},
-      {"last", "end"},    {"Key", "<none>"}, {" key", "<none>"},   {"key", "1"}};
+      {"c", "<none>"}, {"# c", "<none>"}, {"note", "1 # note"}, {"k", "v=w"}, {"x", "2"},
+      {"key 1", "value with blanks"},     {"dup", "1"},         {"lone", "a\rb"},
+      {"last", "end"}, {"Key", "<none>"}, {" key", "<none>"},   {"key", "1"}, {"a", "<none>"}};
   for (const auto& e : expected) EXPECT_EQ(Lookup(file, e.first), e.second) << e.first;
+  EXPECT_EQ(Lookup(dir.path(), "k"), "<none>") << "a directory";
+  ToviStrTrim(nullptr);
 
   // The caller's buffer must hold the value and its NUL; a failed lookup
   // reports length 0 and leaves the buffer untouched.
   char small[10] = {'Z'};
-  auto refused = [&](const char* key, char* buf, int len, const char* path) {
-    return !ToviGetCfgString(key, buf, len, path) && len == 0 && small[0] == 'Z';
-  };
-  EXPECT_TRUE(refused("ten", small, 10, file.c_str()));
-  EXPECT_TRUE(refused("ten", small, -5, file.c_str()));
-  EXPECT_TRUE(refused("k", small, 10, nullptr));
-  EXPECT_TRUE(refused("k", small, 10, (dir / "absent.cfg").c_str()));
+  for (const auto& [len, path] : std::vector<std::pair<int, std::string>>{
+           {10, file}, {-5, file}, {10, dir / "absent.cfg"}}) {
+    int n = len;
+    EXPECT_TRUE(!ToviGetCfgString("ten", small, n, path.c_str()) && n == 0 && small[0] == 'Z');
+  }
   std::vector<char> eleven(11);
   int len = 11;
   EXPECT_TRUE(ToviGetCfgString("ten", eleven.data(), len, file.c_str()) &&
@@ -71,30 +50,25 @@ TEST(CfgLookup, FollowsTheLineRules) {
   // A failed conversion is 0, an overflow saturates, a missing key or file
   // leaves the caller's value alone.
   int n = 7;
-  EXPECT_FALSE(ToviGetCfgInt("missing", n, file.c_str()) || ToviGetCfgInt("k", n, nullptr));
-  EXPECT_EQ(n, 7);
-  const std::pair<const char*, int> numbers[] = {
-      {"n", 12}, {"na", 0}, {"neg", -42}, {"huge", 2147483647}};
-  for (const auto& [key, value] : numbers)
+  EXPECT_TRUE(!ToviGetCfgInt("missing", n, file.c_str()) && !ToviGetCfgInt("k", n, nullptr) && n == 7);
+  for (const auto& [key, value] : std::vector<std::pair<const char*, int>>{
+           {"n", 12}, {"na", 0}, {"neg", -42}, {"huge", 2147483647}})
     EXPECT_TRUE(ToviGetCfgInt(key, n = 7, file.c_str()) && n == value) << key << " gave " << n;
 }
 
-TEST(CfgLookup, OverlongLineEndsTheFile) {
+TEST(CfgLookup, LinesKeysAndValuesAreCutAtTheirBounds) {
   TempDir dir;
   // 2040 blanks and "k=abcdefghij": the first 2047 characters hold "k=abcde",
-  // and the line after the long one is never read.
+  // and the line after the long one is never read, by lookups or the loader.
   const std::string cut = dir / "cut.cfg";
   WriteFile(cut, std::string(2040, ' ') + "k=abcdefghij\nafter=1\n");
   EXPECT_EQ(Lookup(cut, "k") + Lookup(cut, "after"), "abcde<none>");
-
-  // Exactly 2047 characters followed by CR LF is a whole line.
-  WriteFile(dir / "fits.cfg", std::string(2040, ' ') + "k2=abcd\r\nnext=1\n");
-  EXPECT_EQ(Lookup(dir / "fits.cfg", "k2") + Lookup(dir / "fits.cfg", "next"), "abcd1");
-
-  // The loader stops at the same place and still reports success.
   Items items;
   EXPECT_TRUE(LoadCfgFileToMap(items, cut, ""));
   EXPECT_EQ(items, (Items{{"k", "abcde"}}));
+  // Exactly 2047 characters followed by CR LF is a whole line.
+  WriteFile(dir / "fits.cfg", std::string(2040, ' ') + "k2=abcd\r\nnext=1\n");
+  EXPECT_EQ(Lookup(dir / "fits.cfg", "k2") + Lookup(dir / "fits.cfg", "next"), "abcd1");
 
   // A key is cut to 255 characters, then trimmed, so the text behind the
   // blanks is gone; a value is trimmed, then cut to 1791.
@@ -105,41 +79,4 @@ TEST(CfgLookup, OverlongLineEndsTheFile) {
   items.clear();
   EXPECT_TRUE(LoadCfgFileToMap(items, dir / "parts.cfg", ""));
   EXPECT_EQ(items, (Items{{a, "x"}, {a + "  bbb", "y"}, {"", std::string(1791, 'v')}}));
-}
-
-TEST(CfgLookup, HostileFilesAreReadSafely) {
-  TempDir dir;
-  Items items{{"kept", "x"}};
-  // A directory in place of the file cannot be opened.
-  EXPECT_EQ(Lookup(dir.path(), "k"), "<none>");
-  EXPECT_FALSE(LoadCfgFileToMap(items, dir.path(), ""));
-  EXPECT_FALSE(LoadCfgFileToMap(items, dir / "absent.cfg", ""));
-
-  // NUL bytes end a line's text where they stand, and the next line is read.
-  WriteFile(dir / "nul.cfg", std::string("a\0b=1\nx=2\0junk\ny=\0\n", 20));
-  EXPECT_EQ(Lookup(dir / "nul.cfg", "x") + "|" + Lookup(dir / "nul.cfg", "y") + "|" +
-                Lookup(dir / "nul.cfg", "a"),
-            "2||<none>");
-
-  WriteFile(dir / "empty.cfg", "");
-  EXPECT_TRUE(LoadCfgFileToMap(items, dir / "empty.cfg", ""));
-  EXPECT_EQ(items.count("kept"), 1u);
-}
-
-TEST(CfgLoader, KeepsTheLastAndCutsAtTheKeyPart) {
-  TempDir dir;
-  const std::string file = dir / "debug.cfg";
-  // The line is trimmed, but the blank before the key part in " x _level" stays.
-  WriteFile(file,
-            "  MRB_level = 1100 \ndebug_level=1100\nMRB_output=0100\n_level=1\n x _level=01\n"
-            "a_level_level=0\ndup_level=1\ndup_level=2\n# skipped_level=1\nplain=3\n");
-
-  Items items{{"untouched", "u"}, {"MRB", "old"}};
-  ASSERT_TRUE(LoadCfgFileToMap(items, file, "_level"));
-  EXPECT_EQ(items, (Items{{"untouched", "u"}, {"MRB", "1100"}, {"debug", "1100"}, {"", "1"},
-                          {"x ", "01"}, {"a", "0"}, {"dup", "2"}}));
-
-  Items none{{"k", "v"}};
-  EXPECT_TRUE(LoadCfgFileToMap(none, "", "_level"));
-  EXPECT_EQ(none, (Items{{"k", "v"}}));
 }

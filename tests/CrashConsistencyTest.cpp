@@ -3,32 +3,24 @@
 // compressed. After the next start, every file must read whole (archives
 // through zlib), no unfinished archive may remain, and each thread's records
 // must be a gap-free prefix of what it was told had been accepted.
-#include <gtest/gtest.h>
 
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <atomic>
-#include <cstdio>
-#include <thread>
+#include <numeric>
 
-#include "ToviDebugMgr.h"
 #include "WriterTestSupport.h"
 #include "logwriter/RecordBlock.h"
-#include "DirectWriter.h"
 
 using namespace tovitest;
 
-namespace {
-
-constexpr int kThreads = 4;
-constexpr int kRecordsPerThread = 100000;
+constexpr int kThreads = 4, kRecordsPerThread = 100000;
 
 // The child: four threads trace until killed; each publishes how many of
 // its records were accepted.
-[[noreturn]] void TraceUntilKilled(const std::string& dir, std::atomic<uint64_t>* accepted) {
+[[noreturn]] static void TraceUntilKilled(const std::string& dir, std::atomic<uint64_t>* accepted) {
   ToviDebugMgr* mgr = ToviDebugMgr::Instance();
   if (!mgr->Init("crash", "", dir, "crash test\n", false, false)) ::_exit(3);
   std::vector<std::thread> threads;
@@ -47,24 +39,6 @@ constexpr int kRecordsPerThread = 100000;
   ::_exit(0);
 }
 
-// A gzip file's content, or empty with ok false when zlib reports damage.
-std::string ReadWholeGz(const std::string& path, bool& ok) {
-  std::string out;
-  gzFile in = gzopen(path.c_str(), "rb");
-  ok = in != nullptr;
-  if (!ok) return out;
-  char buf[65536];
-  int n;
-  while ((n = gzread(in, buf, sizeof buf)) > 0) out.append(buf, static_cast<std::size_t>(n));
-  int error = Z_OK;
-  gzerror(in, &error);
-  ok = n == 0 && error == Z_OK;
-  gzclose(in);
-  return out;
-}
-
-}  // namespace
-
 TEST(CrashConsistency, KilledMidRunLeavesWholeFilesAndGapFreePrefixes) {
   ScopedRoot root("nEachFileMaxSize=1\nnEachProcessMaxZipNum=50\n");
   auto* accepted = static_cast<std::atomic<uint64_t>*>(::mmap(nullptr, 4096,
@@ -81,41 +55,34 @@ TEST(CrashConsistency, KilledMidRunLeavesWholeFilesAndGapFreePrefixes) {
     if (child == 0) TraceUntilKilled(dir.path(), accepted);
     std::this_thread::sleep_for(std::chrono::milliseconds(30 + 45 * run));
     ::kill(child, SIGKILL);
-    int status = 0;
-    ::waitpid(child, &status, 0);
+    ::waitpid(child, nullptr, 0);
     for (const std::string& name : ListDir(dir.path())) duringCompression += EndsWith(name, ".tmp");
 
     // The next start finishes what the kill interrupted.
-    { ToviLogWriter next(WriterOptions(dir.path(), "crash", "", 10, 1u << 20, 50)); }
+    NewWriter(dir.path(), "crash", "", 10, 1u << 20, 50).reset();
 
     std::vector<std::vector<int>> seen(kThreads);
     for (const std::string& name : ListDir(dir.path())) {
-      EXPECT_FALSE(EndsWith(name, ".tmp")) << name;
       bool whole = true;
-      const std::string text = EndsWith(name, ".gz") ? ReadWholeGz(dir / name, whole)
-                                                     : ReadFile(dir / name);
-      EXPECT_TRUE(whole) << name;
+      const std::string text = ReadGz(dir / name, &whole);
+      EXPECT_TRUE(whole && !EndsWith(name, ".tmp")) << name;
       for (const std::string& record : RecordTexts(text)) {
-        int t = -1;
-        int seq = -1;
+        int t = -1, seq = -1;
         if (std::sscanf(record.c_str(), "c INFO: t%d %d", &t, &seq) == 2 && t >= 0 && t < kThreads)
           seen[t].push_back(seq);
       }
     }
     uint64_t lost = 0;
     for (int t = 0; t < kThreads; ++t) {
-      const std::size_t found = seen[t].size();
-      for (std::size_t i = 0; i < found; ++i) {
-        ASSERT_EQ(seen[t][i], static_cast<int>(i)) << "thread " << t << ": a gap or a repeat";
-      }
-      EXPECT_LE(found, accepted[t].load() + 1) << "thread " << t;
-      lost += accepted[t].load() > found ? accepted[t].load() - found : 0;
+      std::vector<int> prefix(seen[t].size());
+      std::iota(prefix.begin(), prefix.end(), 0);
+      ASSERT_EQ(seen[t], prefix) << "thread " << t << ": a gap or a repeat";
+      EXPECT_LE(prefix.size(), accepted[t].load() + 1) << "thread " << t;
+      lost += accepted[t].load() > prefix.size() ? accepted[t].load() - prefix.size() : 0;
     }
     // What the kill takes is at most what one writer's queue holds: every
     // small record costs at least 400 bytes of its water mark.
     EXPECT_LE(lost, recordblock::kQueueWaterMark / 400);
-    std::printf("run %d: killed after %d ms, %llu accepted record(s) lost\n", run,
-                30 + 45 * run, static_cast<unsigned long long>(lost));
   }
   std::printf("%d run(s) killed during a compression\n", duringCompression);
   ::munmap(accepted, 4096);

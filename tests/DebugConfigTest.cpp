@@ -1,86 +1,62 @@
 // What Init makes of the debug configuration file and the product
 // configuration file: the masks of every sub-module, and the limits that the
 // writers receive.
-#include <gtest/gtest.h>
-
-#include <cstdio>
-#include <map>
 
 #include "WriterTestSupport.h"
 
 using namespace tovitest;
-
-namespace {
 
 typedef std::pair<std::bitset<32>, std::bitset<32>> Masks;
 typedef std::map<std::string, Masks> ModuleMap;
 
 // The registry after a trace-off Init, which reads the configuration and
 // makes no writer; given names Init's debug file in etc/conf/.
-ModuleMap Registry(const std::string& debugFile, const std::string& productFile,
+static ModuleMap Registry(const std::string& debugFile, const std::string& productFile,
                    const std::string& given = "") {
   MgrRoot inst(debugFile, productFile);
-  ToviDebugMgr* mgr = ToviDebugMgr::Instance();
   ModuleMap modules;
-  const std::string path = given.empty() ? "" : inst.Conf(given);
-  if (mgr->Init("cfg_", path, inst.logs.path(), "", false, true)) mgr->GetAllModuleInfo(modules);
+  if (ToviDebugMgr::Instance()->Init("cfg_", given.empty() ? "" : inst.Conf(given), inst.logs.path(), "", false, true))
+    ToviDebugMgr::Instance()->GetAllModuleInfo(modules);
   return modules;
 }
 
 // Runs a writer under the given files and checks what it was given: how many
 // application writers the table takes beside the main one, how many records
 // are held back for an assertion, how many of 60 planted archives are kept.
-void CheckLimits(const std::string& debugFile, const std::string& productFile,
+static void CheckLimits(const std::string& debugFile, const std::string& productFile,
                  const std::string& initName, int appWriters, int held, int archives) {
-  SCOPED_TRACE(initName);
   MgrRoot inst(debugFile, productFile);
-  for (int i = 0; i < 60; ++i) {
-    char stamp[32];
-    std::snprintf(stamp, sizeof stamp, "20010101_0000%02d.log.gz", i);
-    WriteFile(inst.logs / (initName + stamp), "old");
-  }
+  for (int i = 10; i < 70; ++i) WriteFile(inst.logs / (initName + "20010101_0000" + std::to_string(i) + ".log.gz"), "");
   ToviDebugMgr* mgr = ToviDebugMgr::Instance();
   ASSERT_TRUE(mgr->Init(initName, "", inst.logs.path(), "", false, false));
   for (int i = 0; i <= appWriters; ++i)
-    EXPECT_EQ(mgr->AppTrace("debug", LEVEL_INFO, "x", nullptr, false, false, std::to_string(i)),
-              i < appWriters);
+    EXPECT_EQ(mgr->AppTrace("debug", LEVEL_INFO, "x", nullptr, false, false, std::to_string(i)), i < appWriters);
   // One record more than is held back; they come out on the console too.
   StdoutCapture quiet;
-  for (int i = 0; i <= held; ++i) {
-    const std::string text = "held-" + std::to_string(i) + ";";
-    ASSERT_TRUE(mgr->Trace("debug", LEVEL_INFO, text.c_str(), nullptr, false, false));
-  }
-  ASSERT_TRUE(mgr->Trace("debug", LEVEL_ASSERT, "boom", nullptr, false, true));
+  for (int i = 0; i <= held; ++i)
+    mgr->Trace("debug", LEVEL_INFO, ("held-" + std::to_string(i) + ";").c_str(), nullptr, false, false);
+  mgr->Trace("debug", LEVEL_ASSERT, "boom", nullptr, false, true);
   ToviDebugMgr::Destroy();
-  quiet.Restore();
-  std::string text;
-  int kept = 0;
-  for (const std::string& name : ListDir(inst.logs.path())) {
-    if (EndsWith(name, ".log")) text += ReadFile(inst.logs / name);
-    kept += EndsWith(name, ".log.gz") ? 1 : 0;
-  }
-  EXPECT_EQ(kept, archives);
-  EXPECT_EQ(text.find("held-0;"), std::string::npos);
-  EXPECT_NE(text.find("held-1;"), std::string::npos);
+  const std::vector<std::string> names = ListDir(inst.logs.path());
+  const std::string text = ReadFile(inst.logs / names.back());
+  EXPECT_EQ(names.size(), archives + 1u + appWriters) << initName;
+  EXPECT_TRUE(text.find("held-0;") == std::string::npos && text.find("held-1;") != std::string::npos);
 }
-
-}  // namespace
 
 TEST(DebugConfig, MasksFromTheDebugAndProductFiles) {
   const Masks defaults{Bits({0, 1}), Bits({1})};
-  EXPECT_EQ(Registry("", ""), (ModuleMap{{"debug", defaults}}));
-  EXPECT_EQ(
-      Registry("debug_level=1110\ndebug_output=0100\nMRB_level=1\nMRB_output=11\n",
-               "nMaxFileNum=20\n"),
-      (ModuleMap{{"debug", {Bits({0, 1, 2}), Bits({1})}}, {"MRB", {Bits({0}), Bits({0, 1})}}}));
-  EXPECT_EQ(Registry("debug_level=\n", ""), (ModuleMap{{"debug", {Bits({}), Bits({1})}}}));
-  // 40 characters: whatever stands in front of the last 32 is ignored.
-  EXPECT_EQ(Registry("debug_level=a b=1 0x1" + std::string(31, '0') + "\n", ""),
-            (ModuleMap{{"debug", {Bits({0}), Bits({1})}}}));
-  EXPECT_EQ(Registry("X_output=abc\n", ""),
-            (ModuleMap{{"debug", defaults}, {"X", {Bits({0, 1}), Bits({0, 1})}}}));
-  // The "_level" key replaces the whole "debug" entry; the product file's
-  // output never comes back, since sub-module keys are not read there.
+  // A key is cut in front of the first "_level" or "_output" in it; the last
+  // of two lines wins.
+  EXPECT_EQ(Registry("debug_level=1110\ndebug_output=0100\nMRB_level=1\nMRB_output=11\n"
+                     "a_level_level=1\na_level_level=01\n", ""),
+            (ModuleMap{{"debug", {Bits({0, 1, 2}), Bits({1})}}, {"MRB", {Bits({0}), Bits({0, 1})}},
+                       {"a", {Bits({1}), Bits({1})}}}));
+  // 40 characters: whatever stands in front of the last 32 is ignored; a
+  // counted character that is no 0 or 1 makes the default.
+  EXPECT_EQ(Registry("debug_level=a b=1 0x1" + std::string(31, '0') + "\nX_output=1x1\n", ""),
+            (ModuleMap{{"debug", {Bits({0}), Bits({1})}}, {"X", {Bits({0, 1}), Bits({0, 1})}}}));
+  // A "_level" key replaces the whole entry, "debug" included; sub-module
+  // keys are not read from the product file, the two "debug" keys are.
   EXPECT_EQ(Registry("debug_level=1110\n", "debug_output=1000\n"),
             (ModuleMap{{"debug", {Bits({0, 1, 2}), Bits({1})}}}));
   EXPECT_EQ(Registry("X_level=1\n", "debug_level=0010\ndebug_output=1\nY_level=1\n"),

@@ -1,34 +1,22 @@
 // What lands in a log file, byte for byte: the head of a file, the record
 // lines, the writer thread's and the stop sequence's lines, the close line,
-// the date line, the byte-order mark, and the roll-over point.
-#include <gtest/gtest.h>
+// the date line and the byte-order mark.
 
-#include <cstdio>
-#include <memory>
-#include <regex>
-
-#include "ToviBaseUtil.h"
 #include "WriterTestSupport.h"
-#include "DirectWriter.h"
-#include "port/ToviPort.h"
 
 using namespace tovitest;
-
-namespace {
 
 const char kTime[] = R"(\d\d:\d\d:\d\d\.\d{6})";
 const char kStamp[] = R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6})";
 
 // Matches each line against its pattern; reports the first difference.
-void ExpectLines(const std::vector<std::string>& lines, const std::vector<std::string>& patterns) {
+static void ExpectLines(const std::vector<std::string>& lines, const std::vector<std::string>& patterns) {
   ASSERT_EQ(lines.size(), patterns.size()) << ::testing::PrintToString(lines);
   for (std::size_t i = 0; i < lines.size(); ++i) {
     EXPECT_TRUE(std::regex_match(lines[i], std::regex(patterns[i])))
         << "line " << i << ": '" << lines[i] << "' !~ /" << patterns[i] << "/";
   }
 }
-
-}  // namespace
 
 TEST(LogFileFormat, FirstFileFromCreationToClose) {
   ScopedEnv locale("TOVI_LOCALE", nullptr);
@@ -37,48 +25,44 @@ TEST(LogFileFormat, FirstFileFromCreationToClose) {
   // 2048 characters of text pass, and 255 of a sub-module's name.
   std::string huge(10000, 'h');
   huge[2048] = 'X';
+  const CountingAsn kept("KEPT");
   const int live = CountingAsn::Live(), clones = CountingAsn::Clones();
   StdoutCapture out;
-  {
-    ToviLogWriter writer(WriterOptions(logs, "p", "build 7", 10, 1048576, 10));
-    auto asn = std::make_unique<CountingAsn>("VALUE{1}");
-    const CountingAsn kept("KEPT");
-    EXPECT_TRUE(writer.AddLog("MRB", LEVEL_INFO, "abc", nullptr, false, true));
-    EXPECT_TRUE(writer.AddLog("MRB", LEVEL_ERROR, "abc\n", nullptr, false, true));
-    EXPECT_TRUE(writer.AddLog("MRB", LEVEL_WARN, "", nullptr, false, true));
-    EXPECT_TRUE(writer.AddLog("", LEVEL_INFO, "x", nullptr, false, true));
-    EXPECT_TRUE(writer.AddLog("MRB", static_cast<ToviLogLevel>(5), "five", nullptr, false, true));
-    EXPECT_TRUE(writer.AddLog(std::string(300, 'n'), LEVEL_INFO, huge.c_str(), nullptr, false, true));
-    EXPECT_TRUE(writer.AddLog("MRB", LEVEL_INFO, "with asn", asn.get(), false, true));
-    asn.reset();  // the record carries its own copy
-    EXPECT_TRUE(writer.AddLog("MRB", LEVEL_INFO, "console only", nullptr, true, false));
-    EXPECT_TRUE(writer.AddLog("MRB", LEVEL_INFO, "both", &kept, true, true));
-    // Held back for an assertion that never comes: its copy goes at the stop.
-    EXPECT_TRUE(writer.AddLog("MRB", LEVEL_WARN, "held", &kept, false, false));
-    EXPECT_FALSE(writer.AddLog("MRB", LEVEL_INFO, nullptr, &kept, true, true));
-  }
+  auto writer = NewWriter(logs, "p", "build 7", 10, 1048576);
+  const auto log = [&](const std::string& sub, int level, const char* text,
+                       const AsnType* value = nullptr, bool print = false, bool file = true) {
+    return writer->AddLog(sub, static_cast<ToviLogLevel>(level), text, value, print, file);
+  };
+  auto asn = std::make_unique<CountingAsn>("VALUE{1}");
+  EXPECT_TRUE(log("MRB", LEVEL_INFO, "abc") && log("MRB", LEVEL_ERROR, "abc\n") &&
+              log("MRB", LEVEL_WARN, "") && log("", LEVEL_INFO, "x") && log("MRB", 5, "five") &&
+              log(std::string(300, 'n'), LEVEL_INFO, huge.c_str()) &&
+              log("MRB", LEVEL_INFO, "with asn", asn.get()));
+  asn.reset();  // the record carries its own copy
+  // The last one is held back for an assertion that never comes: its copy
+  // goes at the stop.
+  EXPECT_TRUE(log("MRB", LEVEL_INFO, "console only", nullptr, true, false) &&
+              log("MRB", LEVEL_INFO, "both", &kept, true, true) &&
+              log("MRB", LEVEL_WARN, "held", &kept, false, false));
+  EXPECT_FALSE(log("MRB", LEVEL_INFO, nullptr, &kept, true, true));
+  writer.reset();
   const std::string printed = out.Restore();
   EXPECT_EQ(CountingAsn::Clones() - clones, 3) << "no clone for a refused call";
   EXPECT_EQ(CountingAsn::Live(), live) << "every clone freed";
 
   const std::vector<std::string> files = ListDir(logs);
-  ASSERT_EQ(files.size(), 1u);
-  const std::string name = files[0];
-  ASSERT_TRUE(std::regex_match(name, std::regex(R"(p\d{8}_\d{6}\.log)"))) << name;
-  const std::string text = ReadFile(logs + "/" + name);
-
+  ASSERT_TRUE(files.size() == 1 && std::regex_match(files[0], std::regex(R"(p\d{8}_\d{6}\.log)")));
+  const std::string& name = files[0];
   // The creation line comes first, with no byte-order mark before it, and
   // shows the instant that named the file.
-  std::vector<std::string> lines = SplitLines(text);
+  std::vector<std::string> lines = SplitLines(ReadFile(logs + "/" + name));
   const std::string stampOfName = name.substr(1, 4) + "-" + name.substr(5, 2) + "-" +
                                   name.substr(7, 2) + " " + name.substr(10, 2) + ":" +
                                   name.substr(12, 2) + ":" + name.substr(14, 2);
   // Whether the first record gets a date line depends on what this process
-  // logged before; the date line test covers it in a fresh process.
-  if (lines.size() > 3 && lines[3].rfind("Current date&time:", 0) == 0) {
-    EXPECT_TRUE(std::regex_match(lines[3], std::regex(std::string("Current date&time:") + kStamp)));
+  // logged before; the fresh-process test below checks it.
+  if (lines.size() > 3 && lines[3].rfind("Current date&time:", 0) == 0)
     lines.erase(lines.begin() + 3);
-  }
   const std::string h = std::string(kTime) + "\\.T" + Hex(toviport::CurrentThreadId()) + " ";
   ExpectLines(lines, {
       "File create at time " + stampOfName + R"(\. Current ospid is )" +
@@ -103,103 +87,53 @@ TEST(LogFileFormat, FirstFileFromCreationToClose) {
       std::string(kStamp) + " after m_OutputQueue cleared",
       R"(File close at \S* ?\d{4}-\d\d-\d\d \d\d:\d\d:\d\d)",
   });
-
   // The console gets the record lines, never a date line.
   ExpectLines(SplitLines(printed),
               {h + "MRB INFO: console only", h + "MRB INFO: both", "ASN Trace:", "KEPT"});
 }
 
-TEST(LogFileFormat, RollOverAfterTheRecordThatCrossesTheLimit) {
-  TempDir dir;
-  const std::string logs = dir / "logs/";
-  constexpr unsigned kLimit = 1048576;
-  const std::string payload(1000, 'r');
-  {
-    ToviLogWriter writer(WriterOptions(logs, "roll_", "hdr\n", 10, kLimit, 50));
-    for (int i = 0; i < 1500; ++i) {
-      ASSERT_TRUE(writer.AddLog("S", LEVEL_INFO, (std::to_string(i) + payload).c_str(), nullptr,
-                                false, true));
-    }
-  }
-  const std::vector<std::string> names = ListDir(logs);
-  ASSERT_EQ(names.size(), 2u);
-  ASSERT_TRUE(EndsWith(names[0], ".log.gz") && EndsWith(names[1], ".log")) << names[1];
-
-  const std::string first = ReadGz(logs + names[0]), second = ReadFile(logs + names[1]);
-  const std::size_t close = first.rfind("File close at ");
-  ASSERT_NE(close, std::string::npos);
-  EXPECT_EQ(first.find('\n', close), first.size() - 1) << "the close line ends the file";
-  // Past the limit after the last record, not yet before it.
-  EXPECT_GT(close, kLimit);
-  const std::size_t lastRecord = first.rfind(".T", close);
-  const std::size_t lastRecordStart = first.rfind('\n', lastRecord) + 1;
-  EXPECT_LE(lastRecordStart, kLimit);
-
-  // The next file has its own head and no first-file lines; the records
-  // carry on where the first file stopped.
-  const std::string lastInFirst = first.substr(lastRecordStart, close - lastRecordStart);
-  const std::size_t n = std::stoul(lastInFirst.substr(lastInFirst.find("INFO: ") + 6));
-  const std::string next = std::to_string(n + 1) + "rrr";
-  EXPECT_TRUE(std::regex_search(
-      second, std::regex(R"(^File create at time [^\n]*\nhdr\n[^T]*\.T[0-9a-f]+ S INFO: )" + next)))
-      << second.substr(0, 300);
-  EXPECT_EQ(first.find("S INFO: " + next), std::string::npos);
-}
-
-// The test below needs a process in which nothing has been logged and the
-// locale has not been looked at yet. A death-test child is such a
-// process; it checks what it wrote itself and reports through its exit code
-// and standard error.
-namespace {
-
-int Fail(int code, const std::string& s) { std::fprintf(stderr, "%s\n", s.c_str()); return code; }
-
-int LocaleChild(const char* locale, bool expectUtf8) {
+// Runs in a process in which nothing has been logged and the locale has not
+// been looked at yet (a death-test child); reports through its exit code and
+// standard error.
+static int LocaleChild(const char* locale, bool expectUtf8) {
+  const auto fail = [](const std::string& s) { return std::fprintf(stderr, "%s\n", s.c_str()), 1; };
   locale != nullptr ? ::setenv("TOVI_LOCALE", locale, 1) : ::unsetenv("TOVI_LOCALE");
   const bool decided = TOVIIsGlobalVersion();
   ::setenv("TOVI_LOCALE", expectUtf8 ? "other" : "UTF-8", 1);
   // Asked again after the variable changed: the first decision stands.
-  if (decided != expectUtf8 || TOVIIsGlobalVersion() != expectUtf8) return Fail(2, "locale decision");
+  if (decided != expectUtf8 || TOVIIsGlobalVersion() != expectUtf8) return fail("locale decision");
 
+  // The first record that any writer handles gets the date line, a later one
+  // in another writer's file on the same day does not.
   TempDir dir;
-  // Nothing has been logged in this process yet: the first record that any
-  // writer handles gets the date line, a later one in another writer's file
-  // on the same day does not.
   {
-    ToviLogWriter a(WriterOptions(dir / "a", "a", "", 10, 1048576, 10));
-    a.AddLog("S", LEVEL_INFO, "first", nullptr, false, true);
-    a.AddLog("S", LEVEL_INFO, "second", nullptr, false, true);
+    auto a = NewWriter(dir / "a", "a");
+    a->AddLog("S", LEVEL_INFO, "first", nullptr, false, true);
+    a->AddLog("S", LEVEL_INFO, "second", nullptr, false, true);
   }
-  {
-    ToviLogWriter b(WriterOptions(dir / "b", "b", "", 10, 1048576, 10));
-    b.AddLog("S", LEVEL_INFO, "third", nullptr, false, true);
-  }
+  NewWriter(dir / "b", "b")->AddLog("S", LEVEL_INFO, "third", nullptr, false, true);
   const std::string a = OnlyLog(dir / "a"), b = OnlyLog(dir / "b");
   const std::regex dated(std::string("\nCurrent date&time:") + kStamp + "\n" + kTime +
                          R"(\.T[0-9a-f]+ S INFO: first\n)" + kTime +
                          R"(\.T[0-9a-f]+ S INFO: second\n)");
-  if (!std::regex_search(a, dated)) return Fail(8, "first file:\n" + a);
+  if (!std::regex_search(a, dated)) return fail("first file:\n" + a);
   if (b.find("Current date&time:") != std::string::npos || b.find("S INFO: third\n") > b.size())
-    return Fail(9, "second writer:\n" + b);
+    return fail("second writer:\n" + b);
 
   FILE* f = std::fopen((dir / "handle.txt").c_str(), "w");
   TOVIInsertBOM(f);
   TOVIInsertBOM(static_cast<FILE*>(nullptr));
   std::fclose(f);
-
   const std::string bom = expectUtf8 ? "\xEF\xBB\xBF" : "";
-  if (ReadFile(dir / "handle.txt") != bom) return Fail(4, "handle form wrote the wrong bytes");
-  if (a.rfind(bom + "File create at time ", 0) != 0) return Fail(6, "log file head: " + a);
+  if (ReadFile(dir / "handle.txt") != bom) return fail("handle form wrote the wrong bytes");
+  if (a.rfind(bom + "File create at time ", 0) != 0) return fail("log file head: " + a);
   return 0;
 }
-
-}  // namespace
 
 TEST(LogFileFormat, FreshProcessDateLineAndByteOrderMark) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   // Only the exact value turns the mark on.
-  for (const char* locale :
-       {"UTF-8", "utf-8", "UTF8", "UTF-8 ", static_cast<const char*>(nullptr)}) {
+  for (const char* locale : {"UTF-8", "utf-8", "UTF-8 ", static_cast<const char*>(nullptr)}) {
     const bool utf8 = locale != nullptr && std::string(locale) == "UTF-8";
     EXPECT_EXIT(std::exit(LocaleChild(locale, utf8)), ::testing::ExitedWithCode(0), "") << utf8;
   }

@@ -1,85 +1,64 @@
 // The log writer when things go wrong: directories that cannot be reached,
-// a queue that fills up behind a writer that cannot write or that is merely
-// held up, a directory removed under a running writer, a full disk, and a
-// stop with records still pending. What matters in each case is that no
-// thread hangs, no record is lost or written twice without being accounted
-// for, and nothing leaks.
-#include <gtest/gtest.h>
+// a queue that fills up behind a writer that cannot write, a console that
+// nobody reads, a directory removed under a running writer, and a file-size
+// limit. What matters in each case is that no thread hangs, no record is lost
+// or written twice without being accounted for, and nothing leaks.
 
-#include <fcntl.h>
 #include <sys/resource.h>
-#include <unistd.h>
 
 #include <csignal>
-#include <cstdlib>
-#include <utility>
 
 #include "WriterTestSupport.h"
 #include "logwriter/RecordBlock.h"
-#include "DirectWriter.h"
 
 using namespace tovitest;
-
-namespace {
 
 // Generous enough for a loaded sanitizer build; only a hang exceeds it.
 constexpr double kHangBound = 5.0;
 // What the output queue holds before producers have to wait: each small
 // record costs its block and ACE's two headers for it, and a record is let
 // in while the queue is below the mark.
-constexpr std::size_t kRecordCost =
-    recordblock::kBlockSizes[0] + sizeof(ACE_Message_Block) + sizeof(ACE_Data_Block);
+constexpr std::size_t kRecordCost = recordblock::kBlockSizes[0] + sizeof(ACE_Message_Block) + sizeof(ACE_Data_Block);
 constexpr std::size_t kQueueRecords = (recordblock::kQueueWaterMark + kRecordCost - 1) / kRecordCost;
 const std::string kTag = "fault INFO: ";
 
-// How long f() takes, in seconds.
-template <typename F>
-double Seconds(F&& f) {
+static double Seconds(const std::function<void()>& f) {
   const auto start = std::chrono::steady_clock::now();
   f();
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
-bool Log(ToviLogWriter& writer, const std::string& text, const AsnType* asn = nullptr) {
-  return writer.AddLog("fault", LEVEL_INFO, text.c_str(), asn, false, true);
+static bool Log(ToviLogWriter& writer, const std::string& text, const AsnType* asn = nullptr, bool print = false) {
+  return writer.AddLog("fault", LEVEL_INFO, text.c_str(), asn, print, true);
 }
 
-// Queues fills until the writer refuses one, at most one more than a full
-// queue holds; returns how many were queued.
-std::size_t FillUntilRefused(ToviLogWriter& writer, const AsnType* asn) {
-  std::size_t queued = 0;
-  while (queued <= kQueueRecords && Log(writer, "fill-" + std::to_string(queued), asn)) ++queued;
-  return queued;
-}
-
-// Expects the records of a log text to be want, in order. Reports the first
+// The records of a log text must be want, in order. Reports the first
 // difference only: the sequences here run to a quarter of a million entries.
-void ExpectRecords(const std::string& text, const std::vector<std::string>& want) {
+static void ExpectRecords(const std::string& text, std::vector<std::string> want) {
+  for (std::string& w : want) w = kTag + w;
   const std::vector<std::string> got = RecordTexts(text);
-  const auto same = [](const std::string& g, const std::string& w) { return g == kTag + w; };
-  const auto diff = std::mismatch(got.begin(), got.end(), want.begin(), want.end(), same);
+  const auto diff = std::mismatch(got.begin(), got.end(), want.begin(), want.end());
   EXPECT_TRUE(diff.first == got.end() && diff.second == want.end())
       << "first difference at record " << diff.first - got.begin() << " of " << got.size();
 }
 
-// Writes 2000 records of some 200 bytes where no file may grow past
-// `bytes`. Gives 0 when every record was queued and the files hold each of
-// them once, in order, whole, within the limit, each with its head.
-int WriteUnderAFileSizeLimit(rlim_t bytes) {
-  // A hang becomes a failed exit instead of a stalled run.
-  ::alarm(60);
+// 2000 records of some 200 bytes where no file may grow past `bytes`: 0 when
+// every record was queued and the files hold each of them once, in order,
+// whole, within the limit, each file with its head.
+static int WriteUnderAFileSizeLimit(rlim_t bytes) {
+  ::alarm(60);  // a hang becomes a failed exit instead of a stalled run
   std::signal(SIGXFSZ, SIG_IGN);
   const struct rlimit limit {bytes, bytes};
   if (::setrlimit(RLIMIT_FSIZE, &limit) != 0) return 2;
   TempDir dir;
-  const std::string pad(200, 'd');
   std::vector<std::string> want;
   bool ok = true;
   {
-    ToviLogWriter writer(WriterOptions(dir.path(), "disk", "header\n", 10, 1u << 30, 100));
+    auto writer = NewWriter(dir.path(), "disk", "header\n", 10, 1u << 30, 100);
     for (int i = 0; i < 2000; ++i) {
-      want.push_back(std::to_string(i) + pad);
-      ok = Log(writer, want.back()) && ok;
+      want.push_back(std::to_string(i) + std::string(200, 'd'));
+      ok = Log(*writer, want.back()) && ok;
+      want.back() = kTag + want.back();
     }
   }
   std::string all;
@@ -89,67 +68,42 @@ int WriteUnderAFileSizeLimit(rlim_t bytes) {
          text.back() == '\n';
     all += text;
   }
-  std::vector<std::string> got = RecordTexts(all);
-  for (std::string& text : want) text = kTag + text;
-  return ok && got == want ? 0 : 1;
+  return ok && RecordTexts(all) == want ? 0 : 1;
 }
 
-}  // namespace
-
-// Writers whose directory cannot be reached: a regular file in a parent's
-// place, a name component too long. They keep their records, refuse one on a
-// full queue after about a second, stop promptly even with a full queue, and
-// free every ASN.1 clone. Once the parent can be made, the queue is written,
-// then one line with the number refused, then what followed.
+// Writers whose directory cannot be reached (a regular file stands in a
+// parent's place, a name is too long) keep their records, refuse one on a
+// full queue after about a second, and do not hold up the stop; nothing is
+// made in the file's place. Once the parent can be made, the queue is
+// written, then one line with the number refused, then what followed.
 TEST(LogWriterFault, UnreachableDirectoryRefusesWhenFullAndStopsPromptly) {
   TempDir dir;
   WriteFile(dir / "plain", "not a directory");
-  const std::vector<std::pair<std::string, std::string>> places = {
-      {dir / "plain/logs/", "p"}, {dir / "long", std::string(300, 'x')}};
-  // Every fill of the first writer carries an ASN.1 value, so that one freed
-  // too early or never shows in the live count.
-  const CountingAsn fill("fill");
-  const int live = CountingAsn::Live();
-  std::vector<ToviLogWriter*> writers;
-  for (const auto& [path, prefix] : places) {
-    writers.push_back(new ToviLogWriter(WriterOptions(path, prefix, "header\n", 10, 1u << 30, 10)));
-  }
+  // The ASN.1 values show to ASan a clone freed too early or never.
+  const CountingAsn value("value");
+  std::unique_ptr<ToviLogWriter> writers[] = {NewWriter(dir / "plain/logs/", "p", "header\n"),
+                                              NewWriter(dir / "long", std::string(300, 'x'))};
   std::vector<std::string> want;
-  for (int i = 0; i < 100; ++i) {
-    const CountingAsn value("value " + std::to_string(i));
-    want.push_back("record " + std::to_string(i));
-    for (ToviLogWriter* writer : writers) {
-      EXPECT_TRUE(Log(*writer, want.back(), i % 10 == 0 ? &value : nullptr));
-      // Filtered records are held as well and must be freed at the stop.
-      EXPECT_TRUE(writer->AddLog("fault", LEVEL_INFO, "held", &value, false, false));
-    }
-  }
+  for (std::size_t i = 0; i < kQueueRecords; ++i) want.push_back("record " + std::to_string(i));
   // Long enough for at least one retry after the first failed creation.
   std::this_thread::sleep_for(std::chrono::milliseconds(1200));
-  const int beforeFill = CountingAsn::Live();
-  EXPECT_EQ(FillUntilRefused(*writers[0], &fill), kQueueRecords - 100);
-  // The refused record was freed at once; the queued ones are still held.
-  EXPECT_EQ(CountingAsn::Live(), beforeFill + static_cast<int>(kQueueRecords - 100));
-  EXPECT_LT(Seconds([&] { EXPECT_FALSE(Log(*writers[0], "refused")); }), kHangBound);
-  EXPECT_EQ(FillUntilRefused(*writers[1], nullptr), kQueueRecords - 100);
-  for (std::size_t w = 1; w < writers.size(); ++w) {
-    SCOPED_TRACE(places[w].first);
-    EXPECT_EQ(writers[w]->OutputQueueCount(), kQueueRecords);
-    EXPECT_EQ(writers[w]->DiscardQueueCount(), 10u);
-    EXPECT_LT(Seconds([&] { delete writers[w]; }), kHangBound);
+  for (auto& writer : writers) {
+    for (const std::string& text : want) EXPECT_TRUE(Log(*writer, text, text.size() % 7 ? nullptr : &value));
+    EXPECT_TRUE(writer->AddLog("fault", LEVEL_INFO, "held", &value, false, false));
+    EXPECT_LT(Seconds([&] { EXPECT_FALSE(Log(*writer, "refused", &value)); }), kHangBound);
+    EXPECT_EQ(writer->OutputQueueCount() + writer->DiscardQueueCount(), kQueueRecords + 1);
   }
-  // Nothing is made in a file's place, and no file is left behind.
+  EXPECT_FALSE(Log(*writers[0], "refused"));
+  EXPECT_LT(Seconds([&] { writers[1].reset(); }), kHangBound);
   EXPECT_EQ(ReadFile(dir / "plain"), "not a directory");
-  EXPECT_TRUE(ListDir(dir / "long").empty());
-  EXPECT_EQ(ListDir(dir.path()), (std::vector<std::string>{"long", "plain"}));
 
   std::filesystem::remove(dir / "plain");
   ASSERT_TRUE(WaitUntil([&] { return writers[0]->OutputQueueCount() < kQueueRecords; }));
-  for (std::size_t i = 0; i + 100 < kQueueRecords; ++i) want.push_back("fill-" + std::to_string(i));
-  for (int i = 0; i < 10; ++i) want.push_back("after-" + std::to_string(i));
-  for (auto it = want.end() - 10; it != want.end(); ++it) EXPECT_TRUE(Log(*writers[0], *it));
-  EXPECT_LT(Seconds([&] { delete writers[0]; }), kHangBound);
-  EXPECT_EQ(CountingAsn::Live(), live);
+  for (int i = 0; i < 10; ++i) {
+    want.push_back("after-" + std::to_string(i));
+    EXPECT_TRUE(Log(*writers[0], want.back()));
+  }
+  EXPECT_LT(Seconds([&] { writers[0].reset(); }), kHangBound);
   const std::string text = OnlyLog(dir / "plain/logs/");
   ExpectRecords(text, want);
   // One count for both refusals, before the records that followed them.
@@ -169,15 +123,14 @@ TEST(LogWriterFault, AStalledConsoleHoldsNeitherTheFileNorTheStop) {
   const int savedStdout = ::dup(1);
   ::dup2(pipeFds[1], 1);
   ::close(pipeFds[1]);
-
-  auto* writer = new ToviLogWriter(WriterOptions(dir.path(), "stall", "", 0, 1u << 30, 10));
+  auto writer = NewWriter(dir.path(), "stall", "", 0);
   std::vector<std::string> want(50000);
   bool accepted = true;
   for (std::size_t i = 0; i < want.size(); ++i) {
     want[i] = "shown-" + std::to_string(i);
-    accepted = writer->AddLog("fault", LEVEL_INFO, want[i].c_str(), nullptr, true, true) && accepted;
+    accepted = Log(*writer, want[i], nullptr, true) && accepted;
   }
-  const double stop = Seconds([&] { delete writer; });
+  const double stop = Seconds([&] { writer.reset(); });
   ::dup2(savedStdout, 1);
   ::close(savedStdout);
   std::string printed;
@@ -205,31 +158,28 @@ TEST(LogWriterFault, AStalledConsoleHoldsNeitherTheFileNorTheStop) {
 TEST(LogWriterFault, RemovedDirectoryIsNoticedRecreatedAndCounted) {
   TempDir dir;
   const std::string logDir = dir / "a/logs/";
-  auto* writer = new ToviLogWriter(WriterOptions(logDir, "rm", "", 0, 1u << 30, 10));
+  auto writer = NewWriter(logDir, "rm", "", 0);
   EXPECT_TRUE(Log(*writer, "before"));
   ASSERT_TRUE(WaitUntil([&] { return Occurrences(OnlyLog(logDir), kTag + "before\n") == 1; }));
   std::filesystem::remove_all(dir / "a");
-
   std::vector<std::string> want;
   for (int i = 0; i < 300; ++i) {
     want.push_back("after-" + std::to_string(i));
     EXPECT_TRUE(Log(*writer, want.back()));
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
   }
-  delete writer;
+  writer.reset();
 
   const std::string text = OnlyLog(logDir);
-  const std::vector<std::string> kept = RecordTexts(text);
-  ASSERT_FALSE(kept.empty());
-  const std::size_t lost = want.size() - kept.size();
+  const std::size_t lost = want.size() - RecordTexts(text).size();
+  ASSERT_LT(lost, want.size());
   ExpectRecords(text, std::vector<std::string>(want.begin() + lost, want.end()));
   const std::size_t counted = text.find(" record(s) may be lost: the log file was removed");
   ASSERT_NE(counted, std::string::npos) << text.substr(0, 400);
   const std::size_t lineStart = text.rfind('\n', counted) + 1;
   // The count may include what was written just before the removal.
   const std::size_t unsure = std::stoul(text.substr(lineStart, counted - lineStart));
-  EXPECT_GE(unsure, lost);
-  EXPECT_LE(unsure, lost + 1);
+  EXPECT_TRUE(unsure == lost || unsure == lost + 1) << unsure << " for " << lost;
 }
 
 // Writes that fail for a file-size limit: each file is cut back to its last

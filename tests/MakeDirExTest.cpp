@@ -1,19 +1,13 @@
-// Directory creation: whole trees, refusals, and paths that would have been
-// commands if they had ever reached a shell.
-#include <gtest/gtest.h>
+// Directory creation: whole trees, refusals, the length bound, paths that
+// would have been commands if they had ever reached a shell, and creators
+// that race for one tree.
 
-#include <atomic>
-#include <filesystem>
-#include <string>
-#include <thread>
-
-#include "ToviBaseUtil.h"
-#include "TestSupport.h"
+#include "WriterTestSupport.h"
 
 namespace fs = std::filesystem;
 using tovitest::TempDir;
 
-TEST(MakeDirEx, RefusalsExistingEntriesAndNewTrees) {
+TEST(MakeDirEx, TreesRefusalsTheLengthBoundAndRacingCreators) {
   TempDir dir;
   tovitest::WriteFile(dir / "file", "x");
   EXPECT_EQ(ToviMakeDirEx(nullptr), -1);
@@ -22,33 +16,21 @@ TEST(MakeDirEx, RefusalsExistingEntriesAndNewTrees) {
     EXPECT_EQ(ToviMakeDirEx(bad.c_str()), -1) << bad;
   EXPECT_FALSE(fs::exists(dir / "a%b"));
   EXPECT_TRUE(ToviMakeDirEx(dir.path().c_str()) == 0 && ToviMakeDirEx((dir / "file").c_str()) == 0);
-  EXPECT_TRUE(fs::is_regular_file(dir / "file"));
-
   // Every missing level is made; doubled slashes and ".." are just levels.
-  const std::pair<const char*, const char*> made[] = {
-      {"x/y/z", "x/y/z"}, {"t//u/v/", "t/u/v"}, {"x/y/../w", "x/w"}};
-  for (const auto& [path, tree] : made)
-    EXPECT_TRUE(ToviMakeDirEx((dir / path).c_str()) == 0 && fs::is_directory(dir / tree)) << path;
-}
-
-TEST(MakeDirEx, PathIsDataNeverACommand) {
-  TempDir dir;
+  // Quotes, "$(...)" and backticks are characters of a name.
   const std::string marker = dir / "marker";
-  for (const std::string& name :
-       {"$(touch " + marker + ")", "`touch " + marker + "`", "q\" ; touch " + marker + " ; \"q"}) {
-    // The "/"s of the marker path make levels of their own; the last level
-    // is the literal name, quotes and all.
-    const std::string path = dir / ("cmd/" + name);
-    EXPECT_TRUE(ToviMakeDirEx(path.c_str()) == 0 && fs::is_directory(path)) << name;
-    EXPECT_FALSE(fs::exists(marker)) << name;
+  for (const auto& [path, tree] : std::vector<std::pair<std::string, std::string>>{
+           {"x/y/z", "x/y/z"}, {"t//u/v/", "t/u/v"}, {"x/y/../w", "x/w"},
+           {"c/$(touch " + marker + ")", ""}, {"c/`touch " + marker + "`", ""},
+           {"c/q\" ; touch " + marker + " ; \"q", ""}}) {
+    EXPECT_TRUE(ToviMakeDirEx((dir / path).c_str()) == 0 &&
+                fs::is_directory(dir / (tree.empty() ? path : tree)))
+        << path;
   }
-}
-
-TEST(MakeDirEx, LengthBoundOfTheCommandLine) {
+  EXPECT_FALSE(fs::exists(marker));
   // "mkdir \"" + path + "\"" had to fit 1023 characters: 1015 is the longest
   // path that is created, one more is refused and leaves nothing behind.
-  TempDir dir;
-  auto pathOfLength = [&](std::size_t total, char fill) {
+  const auto pathOfLength = [&](std::size_t total, char fill) {
     std::string path = dir.path();
     while (total - path.size() > 201) path += std::string(200, fill) + "/";
     return path + std::string(total - path.size(), fill);
@@ -57,20 +39,11 @@ TEST(MakeDirEx, LengthBoundOfTheCommandLine) {
   EXPECT_TRUE(ToviMakeDirEx(fits.c_str()) == 0 && fs::is_directory(fits));
   EXPECT_EQ(ToviMakeDirEx(pathOfLength(1016, 'b').c_str()), -1);
   EXPECT_FALSE(fs::exists(dir / std::string(200, 'b')));
-}
-
-TEST(MakeDirEx, ConcurrentCreatorsOfOneTree) {
-  TempDir dir;
-  const std::string path = dir / "p/q/r/s/t/u";
+  // Creators that race for one tree all succeed.
   std::atomic<int> failures{0};
-  std::atomic<bool> go{false};  // released together, so the creators race
-  std::thread threads[8];
-  for (auto& t : threads)
-    t = std::thread([&] {
-      while (!go.load()) std::this_thread::yield();
-      if (ToviMakeDirEx(path.c_str()) != 0) ++failures;
-    });
-  go = true;
-  for (auto& t : threads) t.join();
-  EXPECT_TRUE(failures.load() == 0 && fs::is_directory(path));
+  std::vector<std::thread> racers;
+  for (int i = 0; i < 8; ++i)
+    racers.emplace_back([&] { failures += ToviMakeDirEx((dir / "p/q/r/s/t/u").c_str()) != 0; });
+  for (auto& racer : racers) racer.join();
+  EXPECT_TRUE(failures.load() == 0 && fs::is_directory(dir / "p/q/r/s/t/u"));
 }

@@ -7,7 +7,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <initializer_list>
 #include <iterator>
 #include <optional>
 #include <string>
@@ -15,22 +14,15 @@
 namespace tovitest {
 
 // A directory of its own under the system's temporary directory, removed
-// with everything in it when the test ends.
+// with everything in it when the test ends. Its path ends in "/".
 class TempDir {
 public:
-  TempDir() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "tovi-XXXXXX").string();
-    char* made = ::mkdtemp(pattern.data());
-    path_ = made != nullptr ? std::string(made) + "/" : std::string();
+  TempDir() : path_((std::filesystem::temp_directory_path() / "tovi-XXXXXX").string()) {
+    path_ = ::mkdtemp(path_.data()) != nullptr ? path_ + "/" : std::string();
   }
-  ~TempDir() {
-    std::error_code ec;
-    if (!path_.empty()) std::filesystem::remove_all(path_, ec);
-  }
+  ~TempDir() { std::error_code ec; if (!path_.empty()) std::filesystem::remove_all(path_, ec); }
   TempDir(const TempDir&) = delete;
   TempDir& operator=(const TempDir&) = delete;
-
-  // The directory, ending in "/".
   const std::string& path() const { return path_; }
   std::string operator/(const std::string& name) const { return path_ + name; }
 
@@ -39,8 +31,7 @@ private:
 };
 
 inline void WriteFile(const std::string& path, const std::string& bytes) {
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+  std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
 }
 
 inline std::string ReadFile(const std::string& path) {
@@ -58,11 +49,9 @@ public:
   ~ScopedEnv() { Set(old_ ? old_->c_str() : nullptr); }
   ScopedEnv(const ScopedEnv&) = delete;
   ScopedEnv& operator=(const ScopedEnv&) = delete;
+  void Set(const char* value) { value ? ::setenv(name_.c_str(), value, 1) : ::unsetenv(name_.c_str()); }
 
 private:
-  void Set(const char* value) {
-    value != nullptr ? ::setenv(name_.c_str(), value, 1) : ::unsetenv(name_.c_str());
-  }
   std::string name_;
   std::optional<std::string> old_;
 };
@@ -85,7 +74,6 @@ struct ScopedRoot {
     if (!productCfg.empty()) WriteFile(Conf("tovi.cfg"), productCfg);
   }
   std::string Conf(const std::string& name) const { return root / ("etc/conf/" + name); }
-
   TempDir root;
   ScopedEnv env{"TOVI_ROOT", root.path().c_str()};
 };

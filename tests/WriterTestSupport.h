@@ -1,31 +1,53 @@
-// WriterTestSupport.h - what the log writer tests share: directory listings,
-// log lines and records, gzip reading through zlib, stdout capture, and an
-// ASN.1 value that counts its live clones.
+// WriterTestSupport.h - what the tests share: the one place that makes
+// writers, directory listings, log lines and records, gzip reading through
+// zlib, stdout capture, and an ASN.1 value that counts its live clones.
 #ifndef TOVI_TESTS_WRITERTESTSUPPORT_H
 #define TOVI_TESTS_WRITERTESTSUPPORT_H
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <unistd.h>
 #include <zlib.h>
 
 #include <algorithm>
-#include <cstdint>
-#include <atomic>
+#include <array>
 #include <chrono>
 #include <cstdio>
-#include <filesystem>
+#include <cstring>
+#include <ctime>
 #include <functional>
-#include <ostream>
-#include <string>
+#include <map>
+#include <memory>
+#include <regex>
+#include <set>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include <AsnType.h>
 
 #include "TestSupport.h"
+#include "ToviBaseUtil.h"
 #include "ToviDebugMgr.h"
+#include "logwriter/ToviLogWriter.h"
+#include "port/ToviPort.h"
 
 namespace tovitest {
+
+// Every writer that a test makes itself: held is how many filtered records
+// wait for an assertion, fileBytes the roll-over size, zips the archives kept.
+inline std::unique_ptr<ToviLogWriter> NewWriter(const std::string& dir, const std::string& prefix,
+                                                const std::string& header = "", unsigned held = 10,
+                                                unsigned fileBytes = 1u << 30, int zips = 10) {
+  LogWriterOptions options;
+  options.logPath = dir;
+  options.prefix = prefix;
+  options.header = header;
+  options.heldBackRecords = held;
+  options.maxFileBytes = fileBytes;
+  options.archivesKept = zips;
+  return std::make_unique<ToviLogWriter>(options);
+}
 
 // Names of the entries of dir, sorted bytewise.
 inline std::vector<std::string> ListDir(const std::string& dir) {
@@ -50,11 +72,7 @@ inline std::size_t Occurrences(const std::string& text, const std::string& needl
 }
 
 // A thread id as the log lines print it.
-inline std::string Hex(uint32_t v) {
-  char buf[16];
-  std::snprintf(buf, sizeof buf, "%x", v);
-  return buf;
-}
+inline std::string Hex(uint32_t v) { char buf[16]; return std::string(buf, std::snprintf(buf, sizeof buf, "%x", v)); }
 
 // The lines of text without their ends; an unterminated last line is marked.
 inline std::vector<std::string> SplitLines(const std::string& text) {
@@ -83,34 +101,26 @@ inline std::vector<std::string> RecordTexts(const std::string& log) {
 inline std::string OnlyLog(const std::string& dir) {
   std::vector<std::string> logs;
   for (const std::string& name : ListDir(dir)) if (EndsWith(name, ".log")) logs.push_back(name);
-  return logs.size() == 1 ? ReadFile(dir + "/" + logs[0])
-                          : "<" + std::to_string(logs.size()) + " log files>";
+  return logs.size() == 1 ? ReadFile(dir + "/" + logs[0]) : "<" + std::to_string(logs.size()) + " log files>";
 }
 
-// The decompressed content of a gzip file; "<unreadable>" when zlib cannot
-// open it.
-inline std::string ReadGz(const std::string& path) {
+// The content of a gzip file, or of a plain one; whole says whether zlib
+// read it to its end without finding damage.
+inline std::string ReadGz(const std::string& path, bool* whole = nullptr) {
   gzFile in = gzopen(path.c_str(), "rb");
-  if (in == nullptr) return "<unreadable>";
   std::string out;
   char buf[65536];
-  for (int n; (n = gzread(in, buf, sizeof buf)) > 0;) out.append(buf, static_cast<std::size_t>(n));
-  gzclose(in);
+  int n = -1, error = Z_OK;
+  while (in != nullptr && (n = gzread(in, buf, sizeof buf)) > 0) out.append(buf, n);
+  if (in != nullptr) gzerror(in, &error), gzclose(in);
+  if (whole != nullptr) *whole = n == 0 && error == Z_OK;
   return out;
-}
-
-// Writes bytes as a gzip file.
-inline void WriteGz(const std::string& path, const std::string& bytes) {
-  gzFile out = gzopen(path.c_str(), "wb");
-  gzwrite(out, bytes.data(), static_cast<unsigned>(bytes.size()));
-  gzclose(out);
 }
 
 // Waits until pred() holds or the bound passes; returns pred().
 inline bool WaitUntil(const std::function<bool()>& pred,
                       std::chrono::milliseconds bound = std::chrono::seconds(20)) {
-  const auto end = std::chrono::steady_clock::now() + bound;
-  while (!pred()) {
+  for (const auto end = std::chrono::steady_clock::now() + bound; !pred();) {
     if (std::chrono::steady_clock::now() > end) return pred();
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
@@ -126,33 +136,26 @@ struct MgrRoot : ScopedRoot {
 };
 
 // Redirects the process's standard output into a file for its lifetime;
-// Text() returns what was printed so far.
+// Restore() puts it back and returns what was printed.
 class StdoutCapture {
 public:
-  StdoutCapture() : path_(dir_ / "stdout.txt") {
-    std::fflush(stdout);
-    saved_ = ::dup(1);
+  StdoutCapture() : saved_((std::fflush(stdout), ::dup(1))) {
     const int fd = ::open(path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    ::dup2(fd, 1);
-    ::close(fd);
+    ::dup2(fd, 1), ::close(fd);
   }
   ~StdoutCapture() { Restore(); }
   std::string Text() { return std::fflush(stdout), ReadFile(path_); }
-  // Puts standard output back; returns what was printed.
   std::string Restore() {
     const std::string text = Text();
-    if (saved_ >= 0) {
-      ::dup2(saved_, 1);
-      ::close(saved_);
-      saved_ = -1;
-    }
+    if (saved_ >= 0) ::dup2(saved_, 1), ::close(saved_);
+    saved_ = -1;
     return text;
   }
 
 private:
+  int saved_;
   TempDir dir_;
-  std::string path_;
-  int saved_ = -1;
+  std::string path_ = dir_ / "stdout.txt";
 };
 
 // An ASN.1 value that prints a fixed text and counts how many of its
@@ -164,7 +167,6 @@ public:
   ~CountingAsn() override { --Live(); }
   AsnType* Clone() const override { return ++Clones(), new CountingAsn(*this); }
   void Print(std::ostream& os) const override { os << text_; }
-
   static std::atomic<int>& Live() { static std::atomic<int> live{0}; return live; }
   static std::atomic<int>& Clones() { static std::atomic<int> clones{0}; return clones; }
 

@@ -4,70 +4,61 @@
 // lookups read a file alike, that nothing read exceeds the reader's bounds,
 // and that a lookup never writes past the buffer its caller offered.
 #include <cstdint>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <iterator>
 #include <map>
 #include <string>
 #include <vector>
 
-#include "FuzzCheck.h"
 #include "TestSupport.h"
 #include "ToviBaseUtil.h"
 #include "baseutil/ConfigReader.h"
 
-namespace {
-const std::string& CfgFile() {
-  static const tovitest::TempDir dir;
-  static const std::string file = dir / "fuzz.cfg";
-  return file;
-}
+// A broken expectation ends the run as a crash, so that libFuzzer keeps the
+// input that caused it.
+#define FUZZ_CHECK(cond) \
+  ((cond) ? void() : (std::fprintf(stderr, "line %d: check failed: %s\n", __LINE__, #cond), std::abort()))
 
+namespace {
 // Looks key up into the last room bytes of a heap block, so that a write
 // past them is an overflow the sanitizer reports, even when room is 0.
-bool Lookup(const std::string& key, int room, std::string& value) {
+bool Lookup(const std::string& file, const std::string& key, int room, std::string& value) {
   std::vector<char> buf(static_cast<std::size_t>(room) + 1);
   int len = room;
-  const bool found = ToviGetCfgString(key.c_str(), buf.data() + 1, len, CfgFile().c_str());
-  if (!found) {
-    FUZZ_CHECK(len == 0);
-    return false;
-  }
-  FUZZ_CHECK(len >= 0 && len < room &&
-             std::strlen(buf.data() + 1) == static_cast<std::size_t>(len));
-  value.assign(buf.data() + 1, static_cast<std::size_t>(len));
-  return true;
+  const bool found = ToviGetCfgString(key.c_str(), buf.data() + 1, len, file.c_str());
+  FUZZ_CHECK(found ? len >= 0 && len < room && std::strlen(buf.data() + 1) == std::size_t(len)
+                   : len == 0);
+  value.assign(buf.data() + 1, found ? static_cast<std::size_t>(len) : 0);
+  return found;
 }
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  const std::string& file = CfgFile();
+  static const tovitest::TempDir dir;
+  const std::string file = dir / "fuzz.cfg";
   tovitest::WriteFile(file, std::string(reinterpret_cast<const char*>(data), size));
 
-  std::map<std::string, std::string> items;
-  FUZZ_CHECK(LoadCfgFileToMap(items, file, ""));
-  std::map<std::string, std::string> levels;
-  FUZZ_CHECK(LoadCfgFileToMap(levels, file, "_level"));
+  std::map<std::string, std::string> items, levels;
+  FUZZ_CHECK(LoadCfgFileToMap(items, file, "") && LoadCfgFileToMap(levels, file, "_level"));
   FUZZ_CHECK(levels.size() <= items.size());
-
   for (const auto& item : items) {
     FUZZ_CHECK(item.first.size() < toviconfig::kKeyBufSize);
     FUZZ_CHECK(item.second.size() < toviconfig::kValueBufSize);
   }
   // Every lookup reads the whole file again, so one key per input is looked
   // up, a different one as the input changes.
+  std::string value, unused;
   if (items.empty()) {
-    std::string value;
-    FUZZ_CHECK(!Lookup("nEachFileMaxSize", 8, value));
+    FUZZ_CHECK(!Lookup(file, "nEachFileMaxSize", 8, value));
     return 0;
   }
-  auto item = items.begin();
-  std::advance(item, static_cast<long>(size % items.size()));
-  std::string value;
-  FUZZ_CHECK(Lookup(item->first, static_cast<int>(toviconfig::kValueBufSize), value));
+  const std::string& key = std::next(items.begin(), static_cast<long>(size % items.size()))->first;
+  FUZZ_CHECK(Lookup(file, key, static_cast<int>(toviconfig::kValueBufSize), value));
   // A buffer one byte short of the first value refuses it and stays intact.
-  std::string unused;
-  FUZZ_CHECK(!Lookup(item->first, static_cast<int>(value.size()), unused));
+  FUZZ_CHECK(!Lookup(file, key, static_cast<int>(value.size()), unused));
   int number = 0;
-  FUZZ_CHECK(ToviGetCfgInt(item->first.c_str(), number, file.c_str()));
+  FUZZ_CHECK(ToviGetCfgInt(key.c_str(), number, file.c_str()));
   return 0;
 }

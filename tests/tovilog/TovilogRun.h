@@ -3,15 +3,9 @@
 #ifndef TOVI_TESTS_TOVILOG_TOVILOGRUN_H
 #define TOVI_TESTS_TOVILOG_TOVILOGRUN_H
 
-#include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
-
-#include <chrono>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include <nlohmann/json.hpp>
 
@@ -39,12 +33,9 @@ public:
 
   // The exit status; -1 when the child had to be killed after `bound`.
   int Wait(std::chrono::seconds bound = std::chrono::seconds(120)) {
-    const auto end = std::chrono::steady_clock::now() + bound;
     int status = 0;
-    while (pid_ > 0 && ::waitpid(pid_, &status, WNOHANG) == 0) {
-      if (std::chrono::steady_clock::now() > end) ::kill(pid_, SIGKILL);
-      std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
+    if (pid_ > 0 && !WaitUntil([&] { return ::waitpid(pid_, &status, WNOHANG) != 0; }, bound))
+      ::kill(pid_, SIGKILL), ::waitpid(pid_, &status, 0);
     pid_ = -1;
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   }
@@ -61,11 +52,9 @@ struct Result {
   int status;
   std::string out, err;
 };
-
 inline Result RunTovilog(const std::vector<std::string>& args) {
   TovilogChild child(args);
-  const int status = child.Wait();
-  return {status, child.Out(), child.Err()};
+  return {child.Wait(), child.Out(), child.Err()};
 }
 
 // The JSON objects of --json output, one per line.
