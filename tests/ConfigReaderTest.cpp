@@ -1,6 +1,5 @@
 // The key=value reader: trimming, line splitting, lookups and the loader,
 // on real files, including files that no one should have to read.
-
 #include "WriterTestSupport.h"
 #include "baseutil/ConfigReader.h"
 

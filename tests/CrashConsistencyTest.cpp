@@ -3,7 +3,6 @@
 // compressed. After the next start, every file must read whole (archives
 // through zlib), no unfinished archive may remain, and each thread's records
 // must be a gap-free prefix of what it was told had been accepted.
-
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/wait.h>

@@ -1,7 +1,6 @@
 // What Init makes of the debug configuration file and the product
 // configuration file: the masks of every sub-module, and the limits that the
 // writers receive.
-
 #include "WriterTestSupport.h"
 
 using namespace tovitest;

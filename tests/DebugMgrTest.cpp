@@ -1,6 +1,5 @@
 // The debug manager: its lifecycle, the sub-module registry and the debug
 // engine, with real files, real threads and the real writer behind it.
-
 #include "ToviDebugEngine.h"
 #include "WriterTestSupport.h"
 

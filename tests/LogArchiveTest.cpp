@@ -3,7 +3,6 @@
 // copy of its run's first file, finishing a compression that a crash cut
 // short, leaving a file that cannot be compressed, and never touching
 // anything else.
-
 #include <cctype>
 
 #include "WriterTestSupport.h"

@@ -1,7 +1,6 @@
 // What lands in a log file, byte for byte: the head of a file, the record
 // lines, the writer thread's and the stop sequence's lines, the close line,
 // the date line and the byte-order mark.
-
 #include "WriterTestSupport.h"
 
 using namespace tovitest;

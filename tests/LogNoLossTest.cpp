@@ -2,7 +2,6 @@
 // go: every record must arrive exactly once, in the order each thread made
 // them, no file may ever replace another, and each rolls over right after
 // the record that took it past its limit.
-
 #include <numeric>
 
 #include "WriterTestSupport.h"

@@ -1,5 +1,4 @@
 // The time stamp of every record.
-
 #include <ace/ACE.h>
 
 #include "WriterTestSupport.h"

@@ -3,7 +3,6 @@
 // nobody reads, a directory removed under a running writer, and a file-size
 // limit. What matters in each case is that no thread hangs, no record is lost
 // or written twice without being accounted for, and nothing leaks.
-
 #include <sys/resource.h>
 
 #include <csignal>

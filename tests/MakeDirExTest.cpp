@@ -1,7 +1,6 @@
 // Directory creation: whole trees, refusals, the length bound, paths that
 // would have been commands if they had ever reached a shell, and creators
 // that race for one tree.
-
 #include "WriterTestSupport.h"
 
 namespace fs = std::filesystem;

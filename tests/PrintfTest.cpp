@@ -1,6 +1,5 @@
 // printf-style tracing, the sub-module name wrapper, and the library's own
 // short messages with their once-per-process console and log switches.
-
 #include "ToviInterString.h"
 #include "WriterTestSupport.h"
 

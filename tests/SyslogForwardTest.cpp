@@ -1,7 +1,6 @@
 // Forwarding of log records to a syslog collector, read off the wire by a
 // collector of the test's own: what arrives, byte for byte and in which
 // order, and what a collector that goes away costs.
-
 #include <arpa/inet.h>
 #include <sys/socket.h>
 

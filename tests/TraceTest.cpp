@@ -1,7 +1,6 @@
 // The trace entry points through the manager: which calls are refused, how a
 // sub-module's masks add to the caller's outputs, which writer and which file
 // a record reaches, and the per-application writers under concurrent use.
-
 #include "WriterTestSupport.h"
 
 using namespace tovitest;
@@ -87,16 +86,13 @@ TEST(Trace, RefusalsLeaveNothingAndMasksOnlyWiden) {
 // writers, one writer and one file per name, while one thread changes masks
 // and reads them all.
 TEST(TraceConcurrency, NewApplicationNamesRaceWhileMasksChange) {
-  MgrRoot setup("debug_level=1111\ndebug_output=01\nnMaxFileNum=10\n");
+  // Room for the main writer and 44 more.
+  MgrRoot setup("debug_level=1111\ndebug_output=01\nnMaxFileNum=44\n");
   ASSERT_TRUE(Init(setup));
   ToviDebugMgr* mgr = ToviDebugMgr::Instance();
-  constexpr int kThreads = 6, kRounds = 200;
-  const std::string apps[] = {"U", "V", "W", "X", "Y", "Z"};
-  // All threads start together, the last to arrive releasing the others.
-  std::atomic<int> waiting{kThreads + 1}, tracing{kThreads};
-  const auto start = [&] {
-    for (--waiting; waiting.load() > 0;) std::this_thread::yield();
-  };
+  constexpr int kThreads = 6, kRounds = 200, kApps = 40;
+  const auto app = [](int r) { return "A" + std::to_string(r % kApps); };
+  std::atomic<int> arrived{0}, tracing{kThreads};
   std::vector<std::thread> threads;
   for (int t = 0; t < kThreads; ++t) {
     threads.emplace_back([&, t] {
@@ -104,17 +100,18 @@ TEST(TraceConcurrency, NewApplicationNamesRaceWhileMasksChange) {
       // which call made it; half the calls rely on "debug" for their file
       // output, which the mask thread only ever widens.
       const std::string sub = "T" + std::to_string(t);
-      start();
       for (int r = 0; r < kRounds; ++r) {
-        const std::string text = apps[r % 6] + " " + std::to_string(r);
-        EXPECT_TRUE(mgr->AppTrace(sub, LEVEL_INFO, text.c_str(), nullptr, false, r % 2, apps[r % 6]));
+        // The first calls for a new name are released together, so that
+        // they race to make its writer.
+        for (++arrived; r < kApps && arrived.load() < (r + 1) * kThreads;) std::this_thread::yield();
+        const std::string text = app(r) + " " + std::to_string(r);
+        EXPECT_TRUE(mgr->AppTrace(sub, LEVEL_INFO, text.c_str(), nullptr, false, r % 2, app(r)));
         EXPECT_TRUE(mgr->Trace(sub, LEVEL_INFO, text.c_str(), nullptr, false, r % 2));
         EXPECT_TRUE(mgr->RegSubModuleInfo(sub + "_" + std::to_string(r), 0xF, 0, r % 4 == 0));
       }
       --tracing;
     });
   }
-  start();
   std::map<std::string, std::pair<std::bitset<32>, std::bitset<32>>> items;
   for (int k = 0; tracing.load() > 0 && k < 20000; ++k) {
     // Levels 0 to 3 and the file, for every name: what the calls need stays.
@@ -129,25 +126,25 @@ TEST(TraceConcurrency, NewApplicationNamesRaceWhileMasksChange) {
   // are refused; four more fill the table, which then refuses known names too.
   for (const std::string& name : {std::string("a/b"), std::string("a\\b"), std::string(".."), std::string(129, 'n')})
     EXPECT_FALSE(mgr->AppTrace("S", LEVEL_INFO, "x", nullptr, false, true, name)) << name;
-  for (const char* name : {"A", "B", "C", "D"}) EXPECT_TRUE(mgr->AppTrace("S", LEVEL_INFO, "x", nullptr, false, false, name));
-  EXPECT_FALSE(mgr->AppTrace("S", LEVEL_INFO, "x", nullptr, false, false, "U"));
+  for (const char* name : {"B", "C", "D", "E"}) EXPECT_TRUE(mgr->AppTrace("S", LEVEL_INFO, "x", nullptr, false, false, name));
+  EXPECT_FALSE(mgr->AppTrace("S", LEVEL_INFO, "x", nullptr, false, false, app(0)));
   ToviDebugMgr::Destroy();
   EXPECT_EQ(items.size(), 1u + kThreads * kRounds);  // "debug" and every name registered
   // One writer, so one file, for each name, headed by a tracing thread's
   // sub-module; in it each thread's records, all of them, in order.
-  EXPECT_EQ(ListDir(setup.logs.path()).size(), 11u);
+  EXPECT_EQ(ListDir(setup.logs.path()).size(), 1u + kApps + 4);
   EXPECT_EQ(ListDir(setup.root.path()), std::vector<std::string>{"etc"});
-  for (const std::string app : {"", "U", "V", "W", "X", "Y", "Z"}) {
-    const std::string prefix = app.empty() ? "trc" : "trc" + app + "_";
+  for (int a = -1; a < kApps; ++a) {
+    const std::string prefix = a < 0 ? "trc" : "trc" + app(a) + "_";
     std::string text;
     for (const std::string& name : ListDir(setup.logs.path()))
       if (std::regex_match(name, std::regex(prefix + R"(\d{8}_\d{6}\.log)"))) text = ReadFile(setup.logs / name);
-    EXPECT_TRUE(app.empty() || std::regex_search(text, std::regex("\nT[0-5]This is the first")));
+    EXPECT_TRUE(a < 0 || std::regex_search(text, std::regex("\nT[0-5]This is the first")));
     for (int t = 0; t < kThreads; ++t) {
       const std::string sub = "T" + std::to_string(t) + " ";
       std::vector<std::string> got, want;
       for (int r = 0; r < kRounds; ++r)
-        if (app.empty() || app == apps[r % 6]) want.push_back(sub + "INFO: " + apps[r % 6] + " " + std::to_string(r));
+        if (a < 0 || r % kApps == a) want.push_back(sub + "INFO: " + app(r) + " " + std::to_string(r));
       for (const std::string& record : RecordTexts(text))
         if (record.rfind(sub, 0) == 0) got.push_back(record);
       EXPECT_EQ(got, want) << prefix << sub;

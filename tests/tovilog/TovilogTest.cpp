@@ -2,7 +2,6 @@
 // writer "svc" and the application writer "svcbilling_", rolled over and
 // archived, across a midnight that a change of time zone brings on: full
 // time stamps, the merge, the JSON and text output, and the filters.
-
 #include "TovilogRun.h"
 
 namespace fs = std::filesystem;
