@@ -32,6 +32,8 @@ class AsnType;
 class SyslogForwarder;
 class ToviLogRecord;
 
+// The limits have no defaults of their own: the manager takes them from the
+// configuration (debugmgr/ConfigKeys.h), which is where they are decided.
 struct LogWriterOptions {
   std::string logPath;  // empty: the installation's log directory
   std::string prefix;   // starts every file name
@@ -39,8 +41,8 @@ struct LogWriterOptions {
   bool printAll = false;  // every record also goes to the console
   bool logAll = false;    // every record also goes to the file
   unsigned heldBackRecords = 0;  // records without an output kept for an assertion
-  unsigned maxFileBytes = 5242880;
-  int archivesKept = 10;
+  unsigned maxFileBytes = 0;  // a file rolls over once it holds more
+  int archivesKept = 0;       // compressed files of this prefix that stay
 };
 
 class ToviLogWriter {
