@@ -1,7 +1,11 @@
 #!/usr/bin/env bash
 # The library's two structural promises, checked from the sources:
-# 1. includes run one way only: trace -> debugmgr -> logwriter -> baseutil
-#    -> port, and a public header counts as part of the layer it serves;
+# 1. includes run one way only: trace -> debugmgr -> forward -> logwriter ->
+#    baseutil -> port, and a public header counts as part of the layer it
+#    serves. forward sits above logwriter because a forwarder is one per
+#    process and reaches every writer through the writer's sink interface,
+#    while a writer knows nothing of where its records travel beyond the
+#    file; the manager, above both, wires them together;
 # 2. outside platform/lib/port/, nothing calls the C library's or ACE's
 #    operating-system functions directly;
 # 3. every public header is installed.
@@ -14,8 +18,9 @@ rank() {
     port/*|ToviExport.h|ToviLogLevel.h|AsnType.h) echo 0 ;;
     baseutil/*|ToviBaseUtil.h) echo 1 ;;
     logwriter/*) echo 2 ;;
-    debugmgr/*|ToviDebugMgr.h|ToviDebugEngine.h) echo 3 ;;
-    trace/*|ToviInterString.h) echo 4 ;;
+    forward/*) echo 3 ;;
+    debugmgr/*|ToviDebugMgr.h|ToviDebugEngine.h) echo 4 ;;
+    trace/*|ToviInterString.h) echo 5 ;;
     *) echo "unknown" ;;
   esac
 }

@@ -92,9 +92,6 @@ private:
   // What every writer of this manager is built with.
   LogWriterOptions WriterOptions(const std::string& dir, const std::string& prefix,
                                  const std::string& header) const;
-  // Starts forwarding as the configuration asks, or says in the main log
-  // file why it stays off.
-  void StartSyslogForwarding(ToviLogWriter* mainWriter);
 
   static ACE_Recursive_Thread_Mutex m_InstanceLock;
 

@@ -14,6 +14,7 @@
 #include "ToviDebugMgr.h"
 #include "debugmgr/CallGate.h"
 #include "debugmgr/ConfigKeys.h"
+#include "debugmgr/DebugConfig.h"
 #include "debugmgr/NameRules.h"
 #include "logwriter/ToviLogWriter.h"
 #include "port/ToviPort.h"
@@ -91,7 +92,7 @@ bool ToviDebugMgr::Init(const std::string& strName, const std::string& strDebugC
     m_WriterTable[m_strInitName] = writer;
   }
   m_pMainWriter.store(writer, std::memory_order_release);
-  StartSyslogForwarding(writer);
+  m_pSyslogForwarder = StartForwarding(ReadSyslogKeys(m_strDebugCfgFile), m_strInitName, *writer);
   m_bInit.store(true, std::memory_order_release);
   return true;
 }

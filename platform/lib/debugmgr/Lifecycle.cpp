@@ -13,7 +13,7 @@
 #include "debugmgr/ConfigKeys.h"
 #include "debugmgr/SubModuleIndex.h"
 #include "debugmgr/SubModuleInfo.h"
-#include "logwriter/SyslogForwarder.h"
+#include "forward/SyslogForwarder.h"
 #include "logwriter/ToviLogWriter.h"
 #include "port/ToviPort.h"
 

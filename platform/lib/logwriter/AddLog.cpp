@@ -9,6 +9,7 @@
 
 #include <AsnType.h>
 
+#include "logwriter/LogFormat.h"
 #include "logwriter/RecordBlock.h"
 #include "logwriter/TimeStamp.h"
 #include "logwriter/ToviLogRecord.h"
@@ -20,21 +21,6 @@ constexpr std::size_t kMaxMessage = 2048;
 // Longer names are cut: a record's size, and with it what a stalled writer
 // holds, must not depend on what a caller passes as a name.
 constexpr std::size_t kMaxSubModuleName = 255;
-
-struct Prefix {
-  const char* text;
-  std::size_t length;
-};
-
-Prefix LevelPrefix(ToviLogLevel level) {
-  switch (level) {
-    case LEVEL_ASSERT: return {"ASSERT: ", 8};
-    case LEVEL_ERROR: return {"ERROR: ", 7};
-    case LEVEL_WARN: return {"WARN: ", 6};
-    case LEVEL_INFO: return {"INFO: ", 6};
-    default: return {"", 0};
-  }
-}
 }  // namespace
 
 bool ToviLogWriter::AddLog(const std::string& subModule, ToviLogLevel level, const char* text,
@@ -42,11 +28,11 @@ bool ToviLogWriter::AddLog(const std::string& subModule, ToviLogLevel level, con
   if (!m_bStarted || text == nullptr) return false;
 
   // "<sub-module> <prefix><message>", the message cut at 2048 bytes.
-  const Prefix prefix = LevelPrefix(level);
+  const std::string_view prefix = logformat::LevelPrefix(level);
   const std::size_t messageLen = strnlen(text, kMaxMessage);
   const std::size_t nameLen =
       subModule.size() < kMaxSubModuleName ? subModule.size() : kMaxSubModuleName;
-  const std::size_t textLen = nameLen + 1 + prefix.length + messageLen;
+  const std::size_t textLen = nameLen + 1 + prefix.size() + messageLen;
   const std::size_t bytes = recordblock::RecordBytes(textLen);
   ACE_Message_Block* block = recordblock::Acquire(bytes);
   if (block == nullptr) return false;
@@ -59,8 +45,8 @@ bool ToviLogWriter::AddLog(const std::string& subModule, ToviLogLevel level, con
   std::memcpy(p, subModule.data(), nameLen);
   p += nameLen;
   *p++ = ' ';
-  std::memcpy(p, prefix.text, prefix.length);
-  p += prefix.length;
+  std::memcpy(p, prefix.data(), prefix.size());
+  p += prefix.size();
   std::memcpy(p, text, messageLen);
   p[messageLen] = '\0';
   block->wr_ptr(bytes);

@@ -11,7 +11,7 @@
 
 #include "ToviBaseUtil.h"
 #include "logwriter/RecordBlock.h"
-#include "logwriter/SyslogForwarder.h"
+#include "logwriter/RecordSink.h"
 #include "logwriter/ToviLogRecord.h"
 #include "logwriter/ToviLogWriter.h"
 #include "port/ToviPort.h"
@@ -145,13 +145,15 @@ bool ToviLogWriter::WriteBatch(ACE_Message_Block* chain) {
   return false;
 }
 
-void ToviLogWriter::ForwardBatch() {
-  if (m_nSyslogMessages == 0 && m_nSyslogSkipped == 0) return;
-  if (SyslogForwarder* forwarder = m_pForwarder.load(std::memory_order_relaxed)) {
-    forwarder->Submit(m_SyslogBatch, m_nSyslogMessages);
-    forwarder->Skipped(m_nSyslogSkipped);
+bool ToviLogWriter::AttachSink(std::unique_ptr<RecordSink> sink) {
+  RecordSink* none = nullptr;
+  if (!sink || !m_forwardSink.compare_exchange_strong(none, sink.get(), std::memory_order_acq_rel)) {
+    return false;
   }
-  m_SyslogBatch.clear();
-  m_nSyslogMessages = 0;
-  m_nSyslogSkipped = 0;
+  sink.release();
+  return true;
+}
+
+void ToviLogWriter::ForwardBatch() {
+  if (RecordSink* sink = m_forwardSink.load(std::memory_order_acquire)) sink->HandOver();
 }

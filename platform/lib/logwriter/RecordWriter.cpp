@@ -13,8 +13,7 @@
 
 #include "logwriter/FormatAsnTrace.h"
 #include "logwriter/RecordBlock.h"
-#include "logwriter/SyslogForwarder.h"
-#include "logwriter/SyslogMessage.h"
+#include "logwriter/RecordSink.h"
 #include "logwriter/TimeStamp.h"
 #include "logwriter/ToviLogRecord.h"
 #include "logwriter/ToviLogWriter.h"
@@ -96,18 +95,8 @@ bool ToviLogWriter::WriteRecord(ToviLogRecord* record, bool fromDiscardQueue) {
     if (needsLineEnd) m_Files.Write("\n", 1);
     m_Files.Write(asn.data(), asn.size());
     m_Files.CountRecord();
-    SyslogForwarder* forwarder = m_pForwarder.load(std::memory_order_relaxed);
-    if (forwarder != nullptr && !forwarder->Accepting()) {
-      ++m_nSyslogSkipped;
-    } else if (forwarder != nullptr) {
-      try {
-        if (m_strSyslogIdentity.empty()) m_strSyslogIdentity = syslogmessage::Identity(m_Options.prefix);
-        syslogmessage::AppendFramed(*record, asn, m_strSyslogIdentity, forwarder->Facility(),
-                                    m_SyslogBatch);
-        ++m_nSyslogMessages;
-      } catch (...) {
-        // No memory for the message: the file has the record all the same.
-      }
+    if (RecordSink* sink = m_forwardSink.load(std::memory_order_acquire)) {
+      sink->Add(SinkRecord{*record, head, headLen, text, textLen, needsLineEnd, asn});
     }
     if (!m_Files.AfterRecord()) return false;
   }

@@ -8,6 +8,7 @@
 // is given up after about a second.
 #include <cstdio>
 
+#include "logwriter/RecordSink.h"
 #include "logwriter/TimeStamp.h"
 #include "logwriter/ToviLogWriter.h"
 
@@ -44,4 +45,5 @@ ToviLogWriter::~ToviLogWriter() {
     }
   }
   m_Files.Close();
+  delete m_forwardSink.exchange(nullptr, std::memory_order_acq_rel);
 }

@@ -19,6 +19,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <memory>
 #include <string>
 
 #include "ToviLogLevel.h"
@@ -29,7 +30,7 @@
 #include "port/ToviPort.h"
 
 class AsnType;
-class SyslogForwarder;
+class RecordSink;
 class ToviLogRecord;
 
 // The limits have no defaults of their own: the manager takes them from the
@@ -57,9 +58,11 @@ public:
   bool AddLog(const std::string& subModule, ToviLogLevel level, const char* text,
               const AsnType* asn, bool bPrint, bool bLog);
   std::string GetLogPath() const { return m_strLogPath; }
-  // Records written to the file from now on are also handed to forwarder
-  // (null: none), which must outlive the writer.
-  void SetForwarder(SyslogForwarder* forwarder) { m_pForwarder.store(forwarder); }
+  const std::string& Prefix() const { return m_Options.prefix; }
+  // Records written to the file from now on also go to sink, which the
+  // writer owns from here on; false (and sink dropped) when one is attached
+  // already.
+  bool AttachSink(std::unique_ptr<RecordSink> sink);
 
   // Records waiting in each queue (not yet taken by the writer thread).
   std::size_t OutputQueueCount() { return m_Queue.OutputCount(); }
@@ -74,7 +77,7 @@ private:
   bool WriteBatch(ACE_Message_Block* chain);
   bool WriteRecord(ToviLogRecord* record, bool fromDiscardQueue);
   void FlushDiscardQueue();
-  // Hands the syslog messages of what reached the file to the forwarder.
+  // Hands what reached the file to the attached sink.
   void ForwardBatch();
 
   const LogWriterOptions m_Options;
@@ -86,14 +89,9 @@ private:
   ConsoleOutput m_Console;
   bool m_bStarted = false;
   toviport::ThreadHandle m_hThread{};
-  std::atomic<SyslogForwarder*> m_pForwarder{nullptr};
-  // The framed syslog messages of the records in the pending batches, and
-  // what every message of this writer shares.
-  std::string m_SyslogBatch;
-  std::size_t m_nSyslogMessages = 0;
-  // Records not formatted because the forwarder's backlog was full.
-  std::size_t m_nSyslogSkipped = 0;
-  std::string m_strSyslogIdentity;
+  // Set once, from any thread, while the writer thread runs; freed by the
+  // stop sequence once that thread has ended.
+  std::atomic<RecordSink*> m_forwardSink{nullptr};
 };
 
 #endif

@@ -23,6 +23,7 @@
 #include "debugmgr/NameRules.h"
 #include "debugmgr/SubModuleIndex.h"
 #include "debugmgr/SubModuleInfo.h"
+#include "forward/Forwarding.h"
 #include "logwriter/ToviLogWriter.h"
 
 namespace {
@@ -126,7 +127,7 @@ bool ToviDebugMgr::AppTrace(const std::string& subModule, ToviLogLevel level, co
       ToviLogWriter* made =
           new (std::nothrow) ToviLogWriter(WriterOptions(logDir, name, subModule));
       if (made == nullptr) return false;
-      made->SetForwarder(m_pSyslogForwarder);
+      ForwardFrom(*made, m_pSyslogForwarder);
       {
         ACE_Write_Guard<ACE_RW_Thread_Mutex> guard(m_WriterTableLock);
         if (guard.locked()) {

@@ -10,8 +10,8 @@
 // message text as the file shows it after the level, with its ASN.1 lines.
 // A message longer than kMaxMessage octets is cut to that length and ends
 // with "[cut]": most collectors take 2048 octets without being told more.
-#ifndef TOVI_LOGWRITER_SYSLOGMESSAGE_H
-#define TOVI_LOGWRITER_SYSLOGMESSAGE_H
+#ifndef TOVI_FORWARD_SYSLOGMESSAGE_H
+#define TOVI_FORWARD_SYSLOGMESSAGE_H
 
 #include <cstddef>
 #include <string>

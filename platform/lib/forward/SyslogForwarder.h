@@ -7,8 +7,8 @@
 // down, slow or refusing; the forwarder reconnects with a growing pause and
 // then sends the backlog in order, followed by a count of what the bound
 // forced it to drop. Over TCP messages are framed by octet counting.
-#ifndef TOVI_LOGWRITER_SYSLOGFORWARDER_H
-#define TOVI_LOGWRITER_SYSLOGFORWARDER_H
+#ifndef TOVI_FORWARD_SYSLOGFORWARDER_H
+#define TOVI_FORWARD_SYSLOGFORWARDER_H
 
 #include <cstddef>
 #include <atomic>

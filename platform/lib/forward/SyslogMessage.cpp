@@ -1,5 +1,5 @@
 // SyslogMessage.cpp - formatting records as RFC 5424 messages.
-#include "logwriter/SyslogMessage.h"
+#include "forward/SyslogMessage.h"
 
 #include <cstdio>
 #include <cstdlib>

@@ -1,12 +1,12 @@
 // SyslogForwarder.cpp - the backlog, the connection and its faults.
-#include "logwriter/SyslogForwarder.h"
+#include "forward/SyslogForwarder.h"
 
 #include <cstdlib>
 
 #include <ace/Guard_T.h>
 #include <ace/Time_Value.h>
 
-#include "logwriter/SyslogMessage.h"
+#include "forward/SyslogMessage.h"
 #include "port/ToviPort.h"
 
 namespace {
