@@ -7,15 +7,17 @@
 
 #include <re2/re2.h>
 
+#include "logwriter/LogFormat.h"
+
 namespace tovilog {
 namespace {
 
-const char* const kNames[] = {"ASSERT", "ERROR", "WARN", "INFO", "4-31"};
-const char* const kPrefixes[] = {"ASSERT: ", "ERROR: ", "WARN: ", "INFO: "};
+static_assert(kUnmarkedLevel == logformat::kNamedLevels, "levels past the named ones share one");
+constexpr char kUnmarkedName[] = "4-31";
 
 int LevelOfName(const std::string& name) {
   for (int level = 0; level <= kUnmarkedLevel; ++level) {
-    if (strcasecmp(name.c_str(), kNames[level]) == 0) return level;
+    if (strcasecmp(name.c_str(), LevelName(level)) == 0) return level;
   }
   int number = -1;
   if (!RE2::FullMatch(name, R"((\d{1,2}))", &number) || number > 31) return -1;
@@ -25,23 +27,23 @@ int LevelOfName(const std::string& name) {
 }  // namespace
 
 const char* LevelName(int level) {
-  return level >= 0 && level < kUnmarkedLevel ? kNames[level] : kNames[kUnmarkedLevel];
+  // The names are literals, so each view ends in a NUL.
+  return logformat::IsNamedLevel(level) ? logformat::kLevels[level].name.data() : kUnmarkedName;
 }
 
 int LevelOfText(std::string_view text, std::size_t& prefixLength) {
-  // By the first letter: this runs for every record.
-  const int level = text.empty() ? kUnmarkedLevel
-                    : text[0] == 'A' ? 0
-                    : text[0] == 'E' ? 1
-                    : text[0] == 'W' ? 2
-                    : text[0] == 'I' ? 3
-                                     : kUnmarkedLevel;
+  // By the first letter first: this runs for every record, and the named
+  // levels' prefixes all start differently.
   prefixLength = 0;
-  if (level == kUnmarkedLevel) return level;
-  const std::string_view prefix = kPrefixes[level];
-  if (text.substr(0, prefix.size()) != prefix) return kUnmarkedLevel;
-  prefixLength = prefix.size();
-  return level;
+  if (text.empty()) return kUnmarkedLevel;
+  for (int level = 0; level < logformat::kNamedLevels; ++level) {
+    const std::string_view prefix = logformat::kLevels[level].prefix;
+    if (text[0] != prefix[0]) continue;
+    if (text.substr(0, prefix.size()) != prefix) return kUnmarkedLevel;
+    prefixLength = prefix.size();
+    return level;
+  }
+  return kUnmarkedLevel;
 }
 
 bool AddLevels(const std::string& value, unsigned& mask) {

@@ -2,17 +2,21 @@
 //
 // Every line goes through ParseRecordHead, so it checks fixed columns by
 // hand; the file's own lines are rare and matched whole by RE2, after a
-// look at their first character.
+// look at their first character. Their patterns are built from the texts
+// the writer writes them with (logwriter/LogFormat.h), never retyped.
 #include "LogLine.h"
 
+#include <initializer_list>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <re2/re2.h>
 
 #include "Level.h"
 #include "LocalTime.h"
+#include "logwriter/LogFormat.h"
 
 namespace tovilog {
 namespace {
@@ -29,6 +33,42 @@ bool ParseStamp(const std::string& stamp, const std::string& micros, int64_t& wa
                   TwoDigits(p, 11), TwoDigits(p, 14), TwoDigits(p, 17), us, wall);
 }
 
+// The date and time that the file's own lines carry, captured.
+const std::string kStamp = R"((\d{4}-\d\d-\d\d \d\d:\d\d:\d\d))";
+const std::string kMicros = R"(\.(\d{6}))";
+
+std::string Quoted(std::string_view text) {
+  return RE2::QuoteMeta(re2::StringPiece(text.data(), text.size()));
+}
+
+// "(?:a|b|c)" of the texts, each taken literally.
+std::string AnyOf(std::initializer_list<std::string_view> texts) {
+  std::string out = "(?:";
+  for (std::string_view text : texts) out += Quoted(text) + "|";
+  out.back() = ')';
+  return out;
+}
+
+// The pattern of a strftime format: its date and time captured, a zone name
+// matched loosely, the rest literally.
+std::string StrftimePattern(std::string_view format) {
+  constexpr std::string_view kDateTime = "%Y-%m-%d %H:%M:%S";
+  constexpr std::string_view kZone = "%Z";
+  std::string out;
+  for (std::size_t at = 0; at < format.size();) {
+    if (format.substr(at, kDateTime.size()) == kDateTime) {
+      out += kStamp;
+      at += kDateTime.size();
+    } else if (format.substr(at, kZone.size()) == kZone) {
+      out += ".*?";
+      at += kZone.size();
+    } else {
+      out += Quoted(format.substr(at++, 1));
+    }
+  }
+  return out;
+}
+
 struct FileLinePattern {
   EventKind kind;
   std::unique_ptr<RE2> re;  // stamped lines capture the date-time and the microseconds
@@ -36,31 +76,40 @@ struct FileLinePattern {
 };
 
 std::vector<FileLinePattern> BuildPatterns() {
-  const std::string stamp = R"((\d{4}-\d\d-\d\d \d\d:\d\d:\d\d))";
+  using namespace logformat;
   std::vector<FileLinePattern> p;
   auto add = [&p](EventKind kind, const std::string& re, bool stamped) {
     p.push_back({kind, std::make_unique<RE2>(re), stamped});
   };
-  add(EventKind::kCreate, "File create at time " + stamp + R"(()\. Current ospid is -?\d+)", true);
-  add(EventKind::kClose, "File close at .*?" + stamp + "()", true);
-  add(EventKind::kDate, "Current date&time:" + stamp + R"(\.(\d{6}))", true);
-  add(EventKind::kStop,
-      stamp + R"(\.(\d{6}) (?:about to clear m_(?:Discard|Output)Queue\(-?\d+\)|)"
-              R"(after m_OutputQueue cleared))",
+  add(EventKind::kCreate,
+      Quoted(kCreateLead) + StrftimePattern(kCreateTimeFormat) + "()" + Quoted(kCreatePid) + R"(-?\d+)",
       true);
-  add(EventKind::kFirstFile, "This is the first log file", false);
-  add(EventKind::kThreadHandle, "Thread handle output string is 0x[0-9a-f]+", false);
-  add(EventKind::kDropped,
-      R"(\d+ record\(s\) (?:dropped while the log file could not be written|)"
-      R"(may be lost: the log file was removed while it was written|)"
-      R"(not shown on the console: it did not take them in time))",
-      false);
-  add(EventKind::kThreadExit, "thread handle output string exit", false);
+  add(EventKind::kClose, Quoted(kCloseLead) + StrftimePattern(kCloseTimeFormat) + "()", true);
+  add(EventKind::kDate, Quoted(kDateLead) + kStamp + kMicros, true);
+  add(EventKind::kStop,
+      kStamp + kMicros + "(?:" + AnyOf({kStopClearHeldBack, kStopClearOutput}) + R"(\(-?\d+\)|)" +
+          Quoted(kStopCleared) + ")",
+      true);
+  add(EventKind::kFirstFile, Quoted(kFirstFile), false);
+  add(EventKind::kThreadHandle, Quoted(kThreadHandleLead) + "[0-9a-f]+", false);
+  add(EventKind::kDropped, R"(\d+)" + AnyOf({kDroppedUnwritable, kLostRemoved, kNotShown}), false);
+  add(EventKind::kThreadExit, Quoted(kThreadExit), false);
   add(EventKind::kWriterMessage,
-      R"(can't get message block(?:'s base)?|can't get output data|)"
-      R"(dequeue from m_(?:Discard|Output)Queue fail\.)",
-      false);
+      AnyOf({kNoMessageBlock, kNoOutputData, kHeldBackClearFailed, kOutputClearFailed}), false);
   return p;
+}
+
+// The first characters that the file's own lines start with, besides the
+// digits of the stamped and counted ones.
+std::string FileLineStarts() {
+  using namespace logformat;
+  std::string starts;
+  for (std::string_view text : {kCreateLead, kCloseLead, kDateLead, kFirstFile, kThreadHandleLead,
+                                kThreadExit, kNoMessageBlock, kNoOutputData, kHeldBackClearFailed,
+                                kOutputClearFailed}) {
+    if (starts.find(text[0]) == std::string::npos) starts += text[0];
+  }
+  return starts;
 }
 
 }  // namespace
@@ -112,9 +161,8 @@ bool ParseRecordHead(std::string_view line, RecordHead& head) {
 bool ParseFileLine(std::string_view line, EventKind& kind, int64_t& wall) {
   if (line.empty()) return false;
   const char first = line.front();
-  if (!IsDigit(first) && std::string_view("FCTtcd").find(first) == std::string_view::npos) {
-    return false;
-  }
+  static const std::string kStarts = FileLineStarts();
+  if (!IsDigit(first) && kStarts.find(first) == std::string::npos) return false;
   const re2::StringPiece text(line.data(), line.size());
   static const std::vector<FileLinePattern> kPatterns = BuildPatterns();
   for (const FileLinePattern& pattern : kPatterns) {
@@ -131,10 +179,12 @@ bool ParseFileLine(std::string_view line, EventKind& kind, int64_t& wall) {
 }
 
 std::size_t FindJoinedLine(std::string_view line) {
+  using namespace logformat;
   static const RE2 kLineStart(
-      R"((This is the first log file|Thread handle output string is 0x|Current date&time:\d|)"
-      R"(\d\d:\d\d:\d\d\.\d{6}\.T[0-9a-f]+ |File close at |thread handle output string exit|)"
-      R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6} a|\d+ record\(s\) (?:dropped|may be|not shown) ))");
+      "(" + AnyOf({kFirstFile, kThreadHandleLead, kCloseLead, kThreadExit}) + "|" +
+      Quoted(kDateLead) + R"(\d|\d\d:\d\d:\d\d\.\d{6})" + Quoted(kThreadMark) + "[0-9a-f]+ |" +
+      kStamp + R"(\.\d{6})" + AnyOf({kStopClearHeldBack, kStopClearOutput, kStopCleared}) + "|" +
+      R"(\d+)" + AnyOf({kDroppedUnwritable, kLostRemoved, kNotShown}) + ")");
   re2::StringPiece found;
   if (!RE2::PartialMatch(re2::StringPiece(line.data(), line.size()), kLineStart, &found)) {
     return std::string_view::npos;
