@@ -10,11 +10,8 @@
 
 #include <atomic>
 #include <bitset>
-#include <cstdint>
-#include <map>
 #include <string>
 
-#include <ace/RW_Thread_Mutex.h>
 #include <ace/Recursive_Thread_Mutex.h>
 #include <ace/Thread_Mutex.h>
 
@@ -24,11 +21,11 @@
 class AsnType;
 class ToviDebugEngine;
 class ToviInterString;
-class ToviLogWriter;
-struct LogWriterOptions;
-class SubModuleIndex;
-class SubModuleInfo;
+class EngineSlot;
+class PrintfDefaults;
+class SubModuleRegistry;
 class SyslogForwarder;
+class WriterTable;
 
 class TOVI_EXPORT ToviDebugMgr {
 public:
@@ -80,45 +77,21 @@ private:
   ToviDebugMgr(const ToviDebugMgr&) = delete;
   ToviDebugMgr& operator=(const ToviDebugMgr&) = delete;
 
-  void GetCfgItem(const std::string& strDebugCfgFile, int& nFiltLogBufSize, int& nMaxFileNum,
-                  int& nEachFileMaxSize, int& nEachProcessMaxZipNum,
-                  int& nZipFileIncludeFileNum,
-                  ToviModuleMasks& items);
-  bool RegSubModuleInfo_i(const std::string& name, const std::bitset<32>& level,
-                          const std::bitset<32>& output, bool bUseDebugDefault);
-  bool GetSubModuleInfo_i(const std::string& name, std::bitset<32>& level,
-                          std::bitset<32>& output);
-  std::string DefSubModuleName();
-  // What every writer of this manager is built with.
-  LogWriterOptions WriterOptions(const std::string& dir, const std::string& prefix,
-                                 const std::string& header) const;
-
   static ACE_Recursive_Thread_Mutex m_InstanceLock;
 
-  // The flags and pointers that the trace path reads without a lock are
-  // atomics: Init stores them with release semantics and sets m_bInit last.
+  // The manager's parts, each holding its own state and lock; made with the
+  // manager, freed with it.
+  EngineSlot* const m_pEngine;
+  SubModuleRegistry* const m_pRegistry;
+  PrintfDefaults* const m_pDefaults;
+  WriterTable* const m_pWriters;
+
+  // One Init at a time. What a successful Init sets is stored before
+  // m_bInit, which is set last with release semantics: the trace path reads
+  // these without a lock once it has seen m_bInit.
+  ACE_Thread_Mutex m_InitLock;
   std::atomic<bool> m_bInit;
-  int32_t m_nFiltLogBufSize;
-  int32_t m_nMaxFileNum;
-  int32_t m_nEachFileMaxSize;
-  int32_t m_nEachProcessMaxZipNum;
-  int32_t m_nZipFileIncludeFileNum;
   std::atomic<bool> m_bTraceOff;
-  std::string m_strDebugCfgFile;
-  std::atomic<ToviDebugEngine*> m_pDebugEngine;
-  std::atomic<ToviLogWriter*> m_pMainWriter;
-  ACE_RW_Thread_Mutex m_RegistryLock;
-  std::map<std::string, SubModuleInfo*> m_SubModuleMap;
-  // The same entries, for lookups that take no lock.
-  SubModuleIndex* m_pSubModuleIndex;
-  // The Printf defaults: set from any thread while others trace, so the name
-  // is read and written under its own lock and the level is an atomic.
-  std::string m_strDefSubModuleName;
-  std::atomic<ToviLogLevel> m_nDefLogLevel;
-  ACE_Thread_Mutex m_DefaultsLock;
-  std::map<std::string, ToviLogWriter*> m_WriterTable;
-  ACE_RW_Thread_Mutex m_WriterTableLock;
-  std::string m_strInitName;
   // Sends what the writers write to a syslog collector; null when off.
   SyslogForwarder* m_pSyslogForwarder;
 };

@@ -1,16 +1,11 @@
-// DebugConfig.cpp - reading the debug configuration: the writer limits and
-// the masks of every sub-module.
-//
-// Each setting comes from the debug configuration file, else from the
-// product configuration file, else from its default. Sub-module keys come
-// from the debug file only. Nothing is cached: Init reads once per start.
+// DebugConfig.cpp - reading the debug configuration. Nothing is cached:
+// Init reads once per start.
 #include <climits>
 #include <cstdint>
 #include <map>
 #include <string>
 
 #include "ToviBaseUtil.h"
-#include "ToviDebugMgr.h"
 #include "baseutil/ConfigReader.h"
 #include "debugmgr/ConfigKeys.h"
 #include "debugmgr/DebugConfig.h"
@@ -62,6 +57,13 @@ private:
 
 // Megabytes to bytes. A count whose bytes do not fit saturates, so that the
 // range check that follows rejects it instead of a wrapped value passing.
+// A configured mask above 4369 ("1111" read as hexadecimal digits) keeps only
+// its four lowest bits; 4369 and below stay whole.
+std::bitset<32> BoundMask(const std::bitset<32>& mask) {
+  const unsigned long value = mask.to_ulong();
+  return std::bitset<32>(value > 4369 ? (value & 15) : value);
+}
+
 int MebibytesToBytes(int mebibytes) {
   const int64_t bytes = static_cast<int64_t>(mebibytes) * kMiB;
   if (bytes > INT32_MAX) return INT32_MAX;
@@ -82,26 +84,24 @@ bool ParseBitString(const std::string& text, std::bitset<32>& mask) {
   return true;
 }
 
-void ToviDebugMgr::GetCfgItem(const std::string& strDebugCfgFile, int& nFiltLogBufSize,
-                              int& nMaxFileNum, int& nEachFileMaxSize, int& nEachProcessMaxZipNum,
-                              int& nZipFileIncludeFileNum, ToviModuleMasks& items) {
-  std::string file = strDebugCfgFile;
-  const bool missing = !file.empty() && !toviport::PathExists(file.c_str());
-  const std::string defaultDebugFile = ToviGetDefaultDebugCfgFile();
-  if (file.empty() || missing) {
-    file = defaultDebugFile;
-    if (m_strDebugCfgFile.empty() || missing) m_strDebugCfgFile = defaultDebugFile;
-  }
-  const SettingReader settings(file, ToviGetDefaultCfgFile());
+DebugSettings ReadDebugSettings(const std::string& requestedFile) {
+  DebugSettings out;
+  const bool usable = !requestedFile.empty() && toviport::PathExists(requestedFile.c_str());
+  out.file = usable ? requestedFile : ToviGetDefaultDebugCfgFile();
+  const SettingReader settings(out.file, ToviGetDefaultCfgFile());
 
-  nFiltLogBufSize = settings.IntOr(kFiltLogBufSize);
-  nMaxFileNum = settings.IntOr(kMaxFileNum);
+  out.heldBackRecords = InRangeOrFallback(settings.IntOr(kFiltLogBufSize), kFiltLogBufSize);
+  out.maxWriters = InRangeOrFallback(settings.IntOr(kMaxFileNum), kMaxFileNum);
   int mebibytes = 0;
-  nEachFileMaxSize = settings.Int(kEachFileMaxSize.name, mebibytes) ? MebibytesToBytes(mebibytes)
-                                                                      : kEachFileMaxSize.fallback;
-  nEachProcessMaxZipNum = settings.IntOr(kEachProcessMaxZipNum);
-  nZipFileIncludeFileNum = settings.IntOr(kZipFileIncludeFileNum);
+  const int fileBytes = settings.Int(kEachFileMaxSize.name, mebibytes)
+                            ? MebibytesToBytes(mebibytes)
+                            : kEachFileMaxSize.fallback;
+  out.maxFileBytes = InRangeOrFallback(fileBytes, kEachFileMaxSize);
+  out.archivesKept = InRangeOrFallback(settings.IntOr(kEachProcessMaxZipNum), kEachProcessMaxZipNum);
+  out.filesPerArchive =
+      InRangeOrFallback(settings.IntOr(kZipFileIncludeFileNum), kZipFileIncludeFileNum);
 
+  ToviModuleMasks& items = out.modules;
   const std::string defaults(kDefaultSubModule);
   items[defaults] = {
       MaskOr(settings.StringOr((defaults + kLevelSuffix).c_str(), kLevelDefault), kLevelDefault),
@@ -110,8 +110,8 @@ void ToviDebugMgr::GetCfgItem(const std::string& strDebugCfgFile, int& nFiltLogB
 
   std::map<std::string, std::string> levels;
   std::map<std::string, std::string> outputs;
-  LoadCfgFileToMap(levels, file, kLevelSuffix);
-  LoadCfgFileToMap(outputs, file, kOutputSuffix);
+  LoadCfgFileToMap(levels, out.file, kLevelSuffix);
+  LoadCfgFileToMap(outputs, out.file, kOutputSuffix);
   // A "_level" entry replaces the whole entry, "debug" included; only an
   // "_output" key of the same file sets its output mask again.
   for (const auto& level : levels) {
@@ -126,6 +126,10 @@ void ToviDebugMgr::GetCfgItem(const std::string& strDebugCfgFile, int& nFiltLogB
       items[output.first] = {Mask(kLevelDefault), mask};
     }
   }
+  for (auto& item : items) {
+    item.second = {BoundMask(item.second.first), BoundMask(item.second.second)};
+  }
+  return out;
 }
 
 SyslogKeys ReadSyslogKeys(const std::string& debugFile) {

@@ -1,12 +1,33 @@
-// DebugConfig.h - masks written as strings of "0" and "1" in the debug
-// configuration file, first character bit 0.
+// DebugConfig.h - reading the debug configuration: the writer limits, the
+// masks of every sub-module (written as strings of "0" and "1", first
+// character bit 0) and the forwarding keys.
 #ifndef TOVI_DEBUGMGR_DEBUGCONFIG_H
 #define TOVI_DEBUGMGR_DEBUGCONFIG_H
 
 #include <bitset>
 #include <string>
 
+#include "ToviLogLevel.h"
 #include "forward/Forwarding.h"
+
+// What Init takes from the configuration, each limit already within its
+// range (see ConfigKeys.h).
+struct DebugSettings {
+  // The debug file that was read: the one asked for when it exists, else
+  // the installation's default.
+  std::string file;
+  int heldBackRecords = 0;
+  int maxWriters = 0;
+  int maxFileBytes = 0;
+  int archivesKept = 0;
+  int filesPerArchive = 0;
+  // The sub-modules' masks, as Init registers them.
+  ToviModuleMasks modules;
+};
+
+// Each limit comes from the debug file, else from the product file, else
+// from its default; sub-module keys come from the debug file only.
+DebugSettings ReadDebugSettings(const std::string& requestedFile);
 
 // Parses a mask. Only the last 32 characters count; an empty text sets no
 // bit. False, with mask untouched, when a counted character is not 0 or 1.

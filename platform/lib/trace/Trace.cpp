@@ -8,36 +8,39 @@
 // queues the record. Nothing here touches a file or the console; the lookup
 // takes no lock, and the only locks are the queue's and, for application
 // writers, the writer table's.
+//
+// Printf formats into a fixed stack buffer and traces the text with no
+// demands of its own, so the sub-module's registry entry alone decides where
+// it goes. A text that does not fit is refused whole rather than cut.
 #include <bitset>
+#include <cerrno>
+#include <cstdarg>
 #include <cstdio>
-#include <new>
 #include <string>
 
-#include <ace/Guard_T.h>
-#include <ace/Thread_Mutex.h>
-
-#include "ToviBaseUtil.h"
 #include "ToviDebugEngine.h"
 #include "ToviDebugMgr.h"
+#include "ToviInterString.h"
 #include "debugmgr/CallGate.h"
-#include "debugmgr/NameRules.h"
-#include "debugmgr/SubModuleIndex.h"
+#include "debugmgr/EngineSlot.h"
+#include "debugmgr/PrintfDefaults.h"
 #include "debugmgr/SubModuleInfo.h"
-#include "forward/Forwarding.h"
+#include "debugmgr/SubModuleRegistry.h"
+#include "debugmgr/WriterTable.h"
 #include "logwriter/ToviLogWriter.h"
+#include "port/ToviPort.h"
 
 namespace {
-constexpr std::size_t kMaxAppName = 128;
-constexpr std::size_t kWriterNameBufSize = 512;
+constexpr std::size_t kFormatBufSize = 2048;
 
 bool ValidLevel(ToviLogLevel level) { return level >= 0 && level <= 31; }
 
 // Adds the outputs of the sub-module (or of "debug" when it is not
 // registered) to the caller's, when the sub-module logs this level.
-void WidenOutputs(const SubModuleIndex* index, const std::string& subModule, ToviLogLevel level,
-                  bool& bPrint, bool& bLog) {
-  if ((bPrint && bLog) || index == nullptr) return;
-  const SubModuleInfo* entry = index->FindOrFallback(subModule);
+void WidenOutputs(const SubModuleRegistry& registry, const std::string& subModule,
+                  ToviLogLevel level, bool& bPrint, bool& bLog) {
+  if (bPrint && bLog) return;
+  const SubModuleInfo* entry = registry.FindOrDefault(subModule);
   if (entry == nullptr) return;
   std::bitset<32> levels;
   std::bitset<32> outputs;
@@ -47,10 +50,18 @@ void WidenOutputs(const SubModuleIndex* index, const std::string& subModule, Tov
   bLog = bLog || outputs.test(OUTPUT_FILE);
 }
 
-// Serialises the creation of application writers (there is one manager per
-// process, so one lock serves).
-ACE_Thread_Mutex g_appWriterCreation;
-
+// Formats into a stack buffer and traces the text with no demands of its
+// own; false, with nothing traced, when the text is empty, does not fit in
+// 2047 characters or cannot be formatted.
+bool TraceFormatted(ToviDebugMgr& manager, const std::string& subModule, ToviLogLevel level,
+                    const char* format, va_list args) {
+  char text[kFormatBufSize];
+  if (format == nullptr) return false;
+  const int n = std::vsnprintf(text, sizeof text, format, args);
+  if (n < 1 || static_cast<std::size_t>(n) >= kFormatBufSize) return false;
+  manager.Trace(subModule, level, text, nullptr, false, false);
+  return true;
+}
 }  // namespace
 
 bool ToviDebugMgr::Trace(const std::string& subModule, ToviLogLevel level, const char* text,
@@ -58,15 +69,15 @@ bool ToviDebugMgr::Trace(const std::string& subModule, ToviLogLevel level, const
   const callgate::Pass pass(this);
   if (!pass || !m_bInit.load(std::memory_order_acquire)) return false;
   // Read after passing the gate, in the order its freers rely on.
-  if (ToviDebugEngine* engine = m_pDebugEngine.load(std::memory_order_seq_cst)) {
+  if (ToviDebugEngine* engine = m_pEngine->Current()) {
     return engine->Trace(subModule, level, text, asn, bPrint, bLog);
   }
   if (m_bTraceOff.load(std::memory_order_acquire)) return false;
-  ToviLogWriter* writer = m_pMainWriter.load(std::memory_order_acquire);
+  ToviLogWriter* writer = m_pWriters->Main();
   if (writer == nullptr) return false;
   if (text == nullptr || !ValidLevel(level)) return false;
 
-  WidenOutputs(m_pSubModuleIndex, subModule, level, bPrint, bLog);
+  WidenOutputs(*m_pRegistry, subModule, level, bPrint, bLog);
   return writer->AddLog(subModule, level, text, asn, bPrint, bLog);
 }
 
@@ -75,73 +86,43 @@ bool ToviDebugMgr::AppTrace(const std::string& subModule, ToviLogLevel level, co
                             const std::string& appName) {
   const callgate::Pass pass(this);
   if (!pass || !m_bInit.load(std::memory_order_acquire)) return false;
-  if (ToviDebugEngine* engine = m_pDebugEngine.load(std::memory_order_seq_cst)) {
+  if (ToviDebugEngine* engine = m_pEngine->Current()) {
     return engine->AppTrace(subModule, level, text, asn, bPrint, bLog, appName);
   }
   if (m_bTraceOff.load(std::memory_order_acquire)) return false;
   if (text == nullptr || !ValidLevel(level)) return false;
-  if (appName.size() > kMaxAppName || EscapesLogDirectory(appName)) return false;
+  ToviLogWriter* writer = m_pWriters->GetOrCreate(appName, subModule);
+  if (writer == nullptr) return false;
 
-  std::string name = m_strInitName;
-  if (!appName.empty()) {
-    char buf[kWriterNameBufSize];
-    std::snprintf(buf, sizeof buf, "%s%s_", m_strInitName.c_str(), appName.c_str());
-    name = buf;
-  }
-
-  ToviLogWriter* writer = nullptr;
-  {
-    ACE_Read_Guard<ACE_RW_Thread_Mutex> guard(m_WriterTableLock);
-    if (!guard.locked()) return false;
-    // The bound is tested first, so a full table refuses known names too.
-    if (m_WriterTable.size() > static_cast<std::size_t>(m_nMaxFileNum)) return false;
-    auto found = m_WriterTable.find(name);
-    if (found != m_WriterTable.end()) writer = found->second;
-  }
-
-  if (writer == nullptr) {
-    // One creator at a time: a writer that starts and is then thrown away
-    // would already have archived the winner's open file of the same name.
-    // The table lock itself is not held while the writer starts, so calls
-    // for existing names never wait for a creation.
-    ACE_Guard<ACE_Thread_Mutex> creating(g_appWriterCreation);
-    if (!creating.locked()) return false;
-    std::string logDir;
-    {
-      // Only creators add entries, so what is seen here holds until the
-      // new writer is entered.
-      ACE_Read_Guard<ACE_RW_Thread_Mutex> guard(m_WriterTableLock);
-      if (!guard.locked()) return false;
-      if (m_WriterTable.size() > static_cast<std::size_t>(m_nMaxFileNum)) return false;
-      auto found = m_WriterTable.find(name);
-      if (found != m_WriterTable.end()) {
-        writer = found->second;
-      } else {
-        auto main = m_WriterTable.find(m_strInitName);
-        logDir = main != m_WriterTable.end() ? main->second->GetLogPath() : ToviGetDefaultLogPath();
-      }
-    }
-    if (writer == nullptr) {
-      // Asked only here: a name in the table has passed already.
-      if (!PrefixFitsFileNames(logDir, name)) return false;
-      ToviLogWriter* made =
-          new (std::nothrow) ToviLogWriter(WriterOptions(logDir, name, subModule));
-      if (made == nullptr) return false;
-      ForwardFrom(*made, m_pSyslogForwarder);
-      {
-        ACE_Write_Guard<ACE_RW_Thread_Mutex> guard(m_WriterTableLock);
-        if (guard.locked()) {
-          m_WriterTable[name] = made;
-          writer = made;
-        }
-      }
-      if (writer == nullptr) {
-        delete made;  // the table could not be locked: leave the name out
-        return false;
-      }
-    }
-  }
-
-  WidenOutputs(m_pSubModuleIndex, subModule, level, bPrint, bLog);
+  WidenOutputs(*m_pRegistry, subModule, level, bPrint, bLog);
   return writer->AddLog(subModule, level, text, asn, bPrint, bLog);
+}
+
+void ToviDebugMgr::Printf(ToviLogLevel level, const char* format, ...) {
+  const callgate::Pass pass(this);
+  if (!pass || !m_bInit.load(std::memory_order_acquire)) return;
+  va_list args;
+  va_start(args, format);
+  const bool traced = TraceFormatted(*this, m_pDefaults->SubModule(), level, format, args);
+  va_end(args);
+  if (!traced) toviport::ConsolePrintf("Printf, vsnprintf failed. errno:%d\n", errno);
+}
+
+void ToviDebugMgr::Printf(ToviLogLevel level, const ToviInterString& subModule,
+                          const char* format, ...) {
+  const callgate::Pass pass(this);
+  if (!pass || !m_bInit.load(std::memory_order_acquire)) return;
+  va_list args;
+  va_start(args, format);
+  TraceFormatted(*this, subModule.str(), level, format, args);
+  va_end(args);
+}
+
+void ToviDebugMgr::Printf(const char* format, ...) {
+  const callgate::Pass pass(this);
+  if (!pass || !m_bInit.load(std::memory_order_acquire)) return;
+  va_list args;
+  va_start(args, format);
+  TraceFormatted(*this, m_pDefaults->SubModule(), m_pDefaults->Level(), format, args);
+  va_end(args);
 }
