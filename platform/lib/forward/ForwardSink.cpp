@@ -10,6 +10,8 @@ ForwardSink::ForwardSink(SyslogForwarder& forwarder, std::string appName)
     : m_forwarder(forwarder), m_appName(std::move(appName)) {}
 
 void ForwardSink::Add(const SinkRecord& record) {
+  // What reaches the file is what is forwarded.
+  if (!record.toFile) return;
   // A full backlog would only drop the message: it is counted unformatted.
   if (!m_forwarder.Accepting()) {
     ++m_skipped;

@@ -5,6 +5,7 @@
 #include <cstdio>
 
 #include "logwriter/LogFileSet.h"
+#include "logwriter/LogFormat.h"
 #include "port/ToviPort.h"
 
 namespace {
@@ -12,20 +13,20 @@ namespace {
 constexpr unsigned kConsoleWaitMs = 200;
 }  // namespace
 
-bool ConsoleOutput::Add(const char* head, std::size_t headLen, const char* text,
-                        std::size_t textLen, bool lineEnd, const std::string& asn) {
+void ConsoleOutput::Add(const SinkRecord& record) {
+  if (!record.toConsole) return;
+  const std::size_t before = m_batch.size();
   try {
-    m_batch.append(head, headLen).append(text, textLen);
-    if (lineEnd) m_batch += '\n';
-    m_batch += asn;
+    m_batch.append(record.head, record.headLength).append(record.text, record.textLength);
+    if (record.lineEnd) m_batch += '\n';
+    m_batch += record.asn;
     m_recordEnds.push_back(m_batch.size());
   } catch (...) {
-    return false;
+    m_batch.resize(before);  // no part of a record that cannot be shown whole
   }
-  return true;
 }
 
-void ConsoleOutput::Flush(LogFileSet& files) {
+void ConsoleOutput::HandOver() {
   if (m_batch.empty()) return;
   const std::size_t taken =
       toviport::ConsoleWrite(m_batch.data(), m_batch.size(), m_stalled ? 0 : kConsoleWaitMs);
@@ -36,15 +37,13 @@ void ConsoleOutput::Flush(LogFileSet& files) {
   m_batch.clear();
   m_recordEnds.clear();
   m_stalled = stalled;
-  if (!stalled) ReportDrops(files);
+  if (!stalled) ReportDrops();
 }
 
-void ConsoleOutput::ReportDrops(LogFileSet& files) {
+void ConsoleOutput::ReportDrops() {
   if (m_dropped == 0) return;
   char line[160];
-  std::snprintf(line, sizeof line,
-                "%llu record(s) not shown on the console: it did not take them in time\n",
-                static_cast<unsigned long long>(m_dropped));
-  files.WriteText(line);
+  logformat::CountLine(line, sizeof line, m_dropped, logformat::kNotShown);
+  m_files.WriteText(line);
   m_dropped = 0;
 }

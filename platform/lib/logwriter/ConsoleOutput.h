@@ -14,22 +14,29 @@
 #include <string>
 #include <vector>
 
+#include "logwriter/RecordSink.h"
+
 class LogFileSet;
 
-class ConsoleOutput {
+class ConsoleOutput final : public RecordSink {
 public:
-  // One record, in one piece, so that records of different writers may
-  // interleave on the console but never split each other. False when memory
-  // is short.
-  bool Add(const char* head, std::size_t headLen, const char* text, std::size_t textLen,
-           bool lineEnd, const std::string& asn);
+  // What the console did not take is counted in files.
+  explicit ConsoleOutput(LogFileSet& files) : m_files(files) {}
+  ConsoleOutput(const ConsoleOutput&) = delete;
+  ConsoleOutput& operator=(const ConsoleOutput&) = delete;
+
+  // A record for the console joins the batch in one piece, so that records
+  // of different writers may interleave on the console but never split each
+  // other. A record that finds no memory is not shown.
+  void Add(const SinkRecord& record) override;
   // Puts the batch out; the count of what a stalled console did not take
-  // goes into files once the console takes output again.
-  void Flush(LogFileSet& files);
-  // Says in files how many records were not shown, if any.
-  void ReportDrops(LogFileSet& files);
+  // goes into the file once the console takes output again.
+  void HandOver() override;
+  // Says in the file how many records were not shown, if any.
+  void ReportDrops();
 
 private:
+  LogFileSet& m_files;
   std::string m_batch;
   // Where each record of m_batch ends, to count those a stalled console did
   // not take.

@@ -6,16 +6,28 @@
 // the next free second, and a writer's names only ascend. Files are created
 // exclusively, so an existing file is never truncated. Roll-over is decided
 // record by record: a file ends with the record that took it past its limit.
+//
+// When the file lets the writer down the aim is that no accepted record
+// goes missing without a line saying so. A failed write (a full disk, a
+// file-size limit, an I/O error) leaves the file cut back to its last whole
+// record and the pending records move on to a new file; a file that was
+// removed with its directory is noticed within about a second and replaced,
+// with a line counting what may have gone into it; and whatever had to be
+// dropped meanwhile is counted in the next file. While no file can be had,
+// producers stop waiting for room after about a second (see RecordQueue.h).
 #include "logwriter/LogFileSet.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <string_view>
 
 #include "ToviBaseUtil.h"
 #include "logwriter/LogArchive.h"
 #include "logwriter/LogFileNames.h"
-#include "logwriter/RecordQueue.h"
+#include "logwriter/LogFormat.h"
+#include "logwriter/ToviLogRecord.h"
 #include "port/ToviPort.h"
 
 namespace {
@@ -28,11 +40,16 @@ constexpr std::size_t kMaxWrite = 0x200000;
 // the disk.
 constexpr std::size_t kBatchBytes = 64 * 1024;
 const char kUtf8Bom[] = "\xEF\xBB\xBF";
+// The pause before another file is tried when none can be created or
+// written.
+constexpr unsigned kRetryMs = 1000;
+// How often the writer asks whether its open file still has a name.
+constexpr int64_t kLinkCheckMs = 500;
 }  // namespace
 
-LogFileSet::LogFileSet(const Settings& settings, RecordQueue& queue, LogArchive& archive,
+LogFileSet::LogFileSet(const Settings& settings, FileSetEvents& events, LogArchive& archive,
                        const std::atomic<bool>& stop)
-    : m_settings(settings), m_queue(queue), m_archive(archive), m_stop(stop) {}
+    : m_settings(settings), m_events(events), m_archive(archive), m_stop(stop) {}
 
 bool LogFileSet::Create() {
   const int64_t now = toviport::CurrentTime();
@@ -83,10 +100,11 @@ bool LogFileSet::Create() {
   // on to a later second.
   char when[63] = "";
   const std::tm created = toviport::LocalTime(now);
-  std::strftime(when, sizeof when, "time %Y-%m-%d %H:%M:%S", &created);
+  std::strftime(when, sizeof when, logformat::kCreateTimeFormat, &created);
   char line[512];
-  std::snprintf(line, sizeof line, "File create at %s. Current ospid is %d\n", when,
-                static_cast<int>(toviport::CurrentProcessId()));
+  std::snprintf(line, sizeof line, "%.*s%s%.*s%d\n", static_cast<int>(logformat::kCreateLead.size()),
+                logformat::kCreateLead.data(), when, static_cast<int>(logformat::kCreatePid.size()),
+                logformat::kCreatePid.data(), static_cast<int>(toviport::CurrentProcessId()));
   WriteText(line);
   WriteText(m_settings.header.c_str());
   if (!Flush()) {
@@ -105,13 +123,14 @@ void LogFileSet::Close() {
   if (m_fd < 0) return;
   char when[511] = "";
   const std::tm local = toviport::LocalTime(toviport::CurrentTime());
-  std::strftime(when, sizeof when, "%Z %Y-%m-%d %H:%M:%S", &local);
+  std::strftime(when, sizeof when, logformat::kCloseTimeFormat, &local);
   char line[sizeof when + 16];
-  std::snprintf(line, sizeof line, "File close at %s\n", when);
+  std::snprintf(line, sizeof line, "%.*s%s\n", static_cast<int>(logformat::kCloseLead.size()),
+                logformat::kCloseLead.data(), when);
   WriteText(line);
   if (!Flush()) {
     // What could not be written now never will be: count its records.
-    m_queue.CountDropped(m_batchRecords);
+    m_events.RecordsDropped(m_batchRecords);
     m_batch.clear();
     m_batchRecords = 0;
     m_failed = false;
@@ -162,10 +181,27 @@ void LogFileSet::HandOver() {
   if (ReplaceIfRemoved() && !Flush()) RecoverFromFailedWrite();
 }
 
-bool LogFileSet::AfterRecord() {
-  if (m_bytes > static_cast<int64_t>(m_settings.maxFileBytes)) return RollOver();
-  if (m_batch.size() >= kBatchBytes) Flush();
-  return true;
+void LogFileSet::Add(const SinkRecord& record) {
+  if (!record.toFile) return;
+  if (record.newDay) {
+    char line[64];
+    const std::string_view lead = logformat::kDateLead;
+    lead.copy(line, lead.size());
+    std::memcpy(line + lead.size(), record.record.m_pTime, logformat::kStampLength);
+    std::memcpy(line + lead.size() + logformat::kStampLength, "\n", 2);
+    WriteText(line);
+  }
+  Write(record.head, record.headLength);
+  Write(record.text, record.textLength);
+  if (record.lineEnd) Write("\n", 1);
+  Write(record.asn.data(), record.asn.size());
+  ++m_batchRecords;
+  // A file ends with the record that took it past its limit.
+  if (m_bytes > static_cast<int64_t>(m_settings.maxFileBytes)) {
+    RollOver();
+  } else if (m_batch.size() >= kBatchBytes) {
+    Flush();
+  }
 }
 
 bool LogFileSet::RollOver() {
@@ -181,4 +217,85 @@ bool LogFileSet::SleepUnlessStopped(unsigned milliseconds) {
     toviport::SleepMs(milliseconds - slept < 100 ? milliseconds - slept : 100);
   }
   return !m_stop.load(std::memory_order_acquire);
+}
+
+bool LogFileSet::OpenUntilStopped() {
+  while (!Create()) {
+    m_events.FileStalled(true);
+    if (!SleepUnlessStopped(kRetryMs)) return false;
+  }
+  m_events.FileStalled(false);
+  return true;
+}
+
+void LogFileSet::ReportDropped(uint64_t records) {
+  if (records == 0) return;
+  char line[160];
+  logformat::CountLine(line, sizeof line, records, logformat::kDroppedUnwritable);
+  WriteText(line);
+}
+
+void LogFileSet::Abandon() {
+  if (m_fd < 0) return;
+  toviport::CloseFile(m_fd);
+  m_fd = -1;
+  // A file that never received a whole line is only clutter.
+  if (m_flushedBytes == 0) toviport::RemoveFile(m_path.c_str());
+}
+
+bool LogFileSet::RecoverFromFailedWrite() {
+  std::string carried;
+  carried.swap(m_batch);
+  const uint64_t carriedRecords = m_batchRecords;
+  const bool sizeLimit = m_writeError == EFBIG;
+  // What the failed file holds is whole and is archived like any other.
+  const std::string closed = m_flushedBytes > 0 ? CurrentName() : "";
+  Abandon();
+  if (!closed.empty()) m_archive.ArchiveInBackground(closed);
+  m_failed = false;
+  m_batchRecords = 0;
+  // A file-size limit leaves room in a new file at once; a full disk or an
+  // I/O error gets a pause first.
+  if (!sizeLimit) m_events.FileStalled(true);
+  if ((sizeLimit || SleepUnlessStopped(kRetryMs)) && OpenUntilStopped()) {
+    Write(carried.data(), carried.size());
+    m_batchRecords = carriedRecords;
+    if (Flush()) return true;
+    // Not even a fresh file takes them: count them rather than go round.
+    m_batch.clear();
+    m_batchRecords = 0;
+    m_failed = false;
+    m_bytes = m_flushedBytes;
+  }
+  m_events.RecordsDropped(carriedRecords);
+  return m_fd >= 0;
+}
+
+bool LogFileSet::ReplaceIfRemoved() {
+  if (m_fd < 0) return false;
+  const int64_t now = toviport::SteadyMs();
+  if (now - m_lastLinkCheckMs < kLinkCheckMs) return true;
+  m_lastLinkCheckMs = now;
+  if (toviport::OpenFileLinks(m_fd) != 0) {
+    m_recordsSinceCheck = 0;
+    return true;
+  }
+  // Everything handed to the kernel since the last check may have gone into
+  // the removed file; what is still pending goes into the new one.
+  const unsigned long long unsure = m_recordsSinceCheck;
+  std::string carried;
+  carried.swap(m_batch);
+  const uint64_t carriedRecords = m_batchRecords;
+  toviport::CloseFile(m_fd);
+  m_fd = -1;
+  if (!OpenUntilStopped()) {
+    m_events.RecordsDropped(carriedRecords);
+    return false;
+  }
+  char line[160];
+  logformat::CountLine(line, sizeof line, unsure, logformat::kLostRemoved);
+  WriteText(line);
+  Write(carried.data(), carried.size());
+  m_batchRecords = carriedRecords;
+  return true;
 }

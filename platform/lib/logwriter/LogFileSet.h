@@ -14,10 +14,25 @@
 #include <cstdint>
 #include <string>
 
-class LogArchive;
-class RecordQueue;
+#include "logwriter/RecordSink.h"
 
-class LogFileSet {
+class LogArchive;
+
+// What the file set tells its writer the moment it happens: producers must
+// learn at once that no file can be had, and what had to be dropped must be
+// counted where the writer keeps such counts.
+class FileSetEvents {
+public:
+  // True while no file can be created or written, false once one can.
+  virtual void FileStalled(bool stalled) = 0;
+  // Records that were accepted but will never reach a file.
+  virtual void RecordsDropped(uint64_t records) = 0;
+
+protected:
+  ~FileSetEvents() = default;
+};
+
+class LogFileSet final : public RecordSink {
 public:
   struct Settings {
     std::string dir;  // ends in "/"
@@ -25,12 +40,18 @@ public:
     std::string header;
     uint32_t maxFileBytes = 0;
   };
-  // queue learns when no file can be had and counts what is dropped; archive
-  // takes the closed files; stop ends every wait for a file.
-  LogFileSet(const Settings& settings, RecordQueue& queue, LogArchive& archive,
+  // archive takes the closed files; stop ends every wait for a file.
+  LogFileSet(const Settings& settings, FileSetEvents& events, LogArchive& archive,
              const std::atomic<bool>& stop);
   LogFileSet(const LogFileSet&) = delete;
   LogFileSet& operator=(const LogFileSet&) = delete;
+
+  // The sink: a record for the file joins the pending batch (after a date
+  // line when its day is new), and the file rolls over once it has grown
+  // past its limit. HandOver hands the batch to the kernel, after checking
+  // (at most every half second) that the file still has a name.
+  void Add(const SinkRecord& record) override;
+  void HandOver() override;
 
   bool IsOpen() const { return m_fd >= 0; }
   // Creates the next file, retrying once a second; false when a stop came
@@ -39,20 +60,13 @@ public:
   // Writes the closing line and closes the file.
   void Close();
 
-  // Appends to the pending batch (at most 2 MiB in one piece).
+  // The writer's own lines: appended to the pending batch (at most 2 MiB in
+  // one piece).
   bool Write(const char* data, std::size_t size);
   bool WriteText(const char* text);
-  // One more whole record is in the pending batch.
-  void CountRecord() { ++m_batchRecords; }
-  // Says how many records producers dropped, if any.
-  void ReportDroppedRecords();
+  // Says how many records had to be dropped, when any were.
+  void ReportDropped(uint64_t records);
 
-  // After each record: rolls over when the file has grown past its limit,
-  // else hands a large batch on. False when a stop came first.
-  bool AfterRecord();
-  // Hands the pending batch to the kernel, after checking (at most every
-  // half second) that the file still has a name.
-  void HandOver();
   // Hands the pending batch to the kernel; false when the write failed: the
   // file was cut back to its last whole record and the batch is kept.
   bool Flush();
@@ -75,7 +89,7 @@ private:
   std::string CurrentName() const { return m_path.substr(m_settings.dir.size()); }
 
   const Settings m_settings;
-  RecordQueue& m_queue;
+  FileSetEvents& m_events;
   LogArchive& m_archive;
   const std::atomic<bool>& m_stop;
 

@@ -14,6 +14,7 @@
 #define TOVI_LOGWRITER_LOGFORMAT_H
 
 #include <cstddef>
+#include <cstdio>
 #include <string_view>
 
 namespace logformat {
@@ -70,7 +71,12 @@ constexpr std::string_view kFirstFile = "This is the first log file";
 constexpr std::string_view kThreadHandleLead = "Thread handle output string is 0x";
 constexpr std::string_view kThreadExit = "thread handle output string exit";
 
-// "<count><text>": records lost, and why.
+// "<count><what>": records lost, and why, as the writer writes it (with its
+// line end) into out.
+inline void CountLine(char* out, std::size_t size, unsigned long long count,
+                      std::string_view what) {
+  std::snprintf(out, size, "%llu%.*s\n", count, static_cast<int>(what.size()), what.data());
+}
 constexpr std::string_view kDroppedUnwritable =
     " record(s) dropped while the log file could not be written";
 constexpr std::string_view kLostRemoved =

@@ -11,6 +11,7 @@
 #ifndef TOVI_LOGWRITER_RECORDSINK_H
 #define TOVI_LOGWRITER_RECORDSINK_H
 
+#include <atomic>
 #include <cstddef>
 #include <string>
 
@@ -25,6 +26,11 @@ struct SinkRecord {
   std::size_t textLength;
   bool lineEnd;            // the text needs a "\n" after it
   const std::string& asn;  // the rendered ASN.1 lines, each ending "\n"; or empty
+  bool toFile;     // for the file, and so for forwarding
+  bool toConsole;  // for the console
+  // Its day of the month differs from that of the last record the process
+  // handled: the file shows a date line before it.
+  bool newDay;
 };
 
 class RecordSink {
@@ -34,6 +40,38 @@ public:
   virtual void Add(const SinkRecord& record) = 0;
   // Passes the batch on.
   virtual void HandOver() = 0;
+};
+
+// A writer's sinks in their fixed order: the file first, so that a slow
+// console or network never keeps records from it, then forwarding, then
+// the console. Slots are filled before the writer thread starts, except
+// forwarding, which may be attached once from any thread while it runs.
+class SinkChain {
+public:
+  enum Slot { kFile, kForward, kConsole, kSlots };
+
+  // Fills slot when it is empty; false (and nothing changed) otherwise.
+  bool Attach(Slot slot, RecordSink* sink) {
+    RecordSink* none = nullptr;
+    return sink != nullptr &&
+           m_slots[slot].compare_exchange_strong(none, sink, std::memory_order_acq_rel);
+  }
+  RecordSink* Detach(Slot slot) { return m_slots[slot].exchange(nullptr, std::memory_order_acq_rel); }
+
+  // The writer thread.
+  void Add(const SinkRecord& record) {
+    for (auto& slot : m_slots) {
+      if (RecordSink* sink = slot.load(std::memory_order_acquire)) sink->Add(record);
+    }
+  }
+  void HandOver() {
+    for (auto& slot : m_slots) {
+      if (RecordSink* sink = slot.load(std::memory_order_acquire)) sink->HandOver();
+    }
+  }
+
+private:
+  std::atomic<RecordSink*> m_slots[kSlots] = {};
 };
 
 #endif

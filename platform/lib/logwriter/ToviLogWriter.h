@@ -9,11 +9,12 @@
 // number of them, until an assertion brings them out.
 //
 //   RecordQueue      records on their way from tracing threads
-//   LogFileSet       the current file: create, write, roll over, close, faults
+//   RecordSink       where the writer thread hands each formatted record:
+//     LogFileSet     the current file: create, write, roll over, close, faults
+//     ConsoleOutput  the bounded console output
+//     (forwarding, from the layer above, attached with AttachSink)
 //   LogArchive       compressing closed files and pruning the oldest
-//   ConsoleOutput    the bounded console output
-//   OutputThread.cpp the thread; RecordWriter.cpp a record's lines;
-//   AddLog.cpp the tracing thread's side; StopSequence.cpp the destructor
+//   AddLog.cpp       the tracing thread's side; ToviLogWriter.cpp the rest
 #ifndef TOVI_LOGWRITER_TOVILOGWRITER_H
 #define TOVI_LOGWRITER_TOVILOGWRITER_H
 
@@ -21,16 +22,18 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include "ToviLogLevel.h"
 #include "logwriter/ConsoleOutput.h"
 #include "logwriter/LogArchive.h"
 #include "logwriter/LogFileSet.h"
 #include "logwriter/RecordQueue.h"
+#include "logwriter/RecordSink.h"
+#include "port/ThreadRole.h"
 #include "port/ToviPort.h"
 
 class AsnType;
-class RecordSink;
 class ToviLogRecord;
 
 // The limits have no defaults of their own: the manager takes them from the
@@ -46,7 +49,7 @@ struct LogWriterOptions {
   int archivesKept = 0;       // compressed files of this prefix that stay
 };
 
-class ToviLogWriter {
+class ToviLogWriter final : private FileSetEvents {
 public:
   explicit ToviLogWriter(const LogWriterOptions& options);
   ~ToviLogWriter();
@@ -75,10 +78,15 @@ private:
   void DrainOutputQueue();
   // Writes the records of a chain; true when it held the end marker.
   bool WriteBatch(ACE_Message_Block* chain);
-  bool WriteRecord(ToviLogRecord* record, bool fromDiscardQueue);
+  // Formats one record and offers it to the sinks.
+  void WriteRecord(ToviLogRecord* record, bool fromDiscardQueue);
   void FlushDiscardQueue();
-  // Hands what reached the file to the attached sink.
-  void ForwardBatch();
+  // The stop sequence's count of what a queue still holds.
+  void WriteStopLine(std::string_view what, std::size_t count, bool counted);
+
+  // FileSetEvents: what the file set says goes to the producers' side.
+  void FileStalled(bool stalled) override { m_Queue.SetWriterStalled(stalled); }
+  void RecordsDropped(uint64_t records) override { m_Queue.CountDropped(records); }
 
   const LogWriterOptions m_Options;
   const std::string m_strLogPath;
@@ -87,11 +95,12 @@ private:
   LogArchive m_Archive;
   LogFileSet m_Files;
   ConsoleOutput m_Console;
+  SinkChain m_Sinks;
+  // The state above that the writer thread alone touches while it runs; the
+  // stop sequence takes the role over once that thread has ended.
+  toviport::ThreadRole m_writerRole;
   bool m_bStarted = false;
   toviport::ThreadHandle m_hThread{};
-  // Set once, from any thread, while the writer thread runs; freed by the
-  // stop sequence once that thread has ended.
-  std::atomic<RecordSink*> m_forwardSink{nullptr};
 };
 
 #endif

@@ -1,0 +1,291 @@
+// ToviLogWriter.cpp - building a writer, its thread, and its stop.
+//
+// The thread is the only code that takes records off the queue and, while
+// it runs, the only code that touches the sinks. It takes whatever is
+// queued, formats each record once and offers it to the sinks (file, then
+// forwarding, then console); after a bounded batch it has the sinks hand
+// what they gathered on, so each batch reaches the kernel in one write
+// before the thread looks for more. When the queue runs dry after work it
+// naps briefly before it waits on the queue, so that producers who keep
+// coming find a writer that needs no waking.
+//
+// The stop is asked for behind the records already queued, so those are
+// written; the destructor then joins the thread, counts and drops what is
+// left, and closes the file. Every wait there is bounded: the writer thread
+// notices a stop within 100 ms whether or not the end marker reached the
+// queue, and a marker that finds no room on a writer that cannot write is
+// given up after about a second.
+#include "logwriter/ToviLogWriter.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "ToviBaseUtil.h"
+#include "logwriter/FormatAsnTrace.h"
+#include "logwriter/LogFormat.h"
+#include "logwriter/RecordBlock.h"
+#include "logwriter/TimeStamp.h"
+#include "logwriter/ToviLogRecord.h"
+#include "port/ToviPort.h"
+
+namespace {
+// How often the idle writer thread looks at the stop flag, so that a stop
+// never depends on an end marker reaching the queue.
+constexpr unsigned kIdleWakeMs = 100;
+// The record bytes written between two hand-overs to the kernel.
+constexpr std::size_t kBatchRecordBytes = 64 * 1024;
+// The nap after a batch that emptied the queue.
+constexpr unsigned kDryNapUs = 2000;
+
+// The two day-of-month characters of the last record any writer of the
+// process handled, packed into one value so that both are read and replaced
+// together. 0: none yet. A file gets a date line whenever a record's day
+// differs from it.
+std::atomic<uint16_t> g_lastDay{0};
+
+uint16_t DayOf(const char* stamp) {
+  const std::size_t at = logformat::kStampDayOffset;
+  return static_cast<uint16_t>(static_cast<unsigned char>(stamp[at]) |
+                               (static_cast<unsigned char>(stamp[at + 1]) << 8));
+}
+
+// "<time of day>.T<thread id in hex> " into out, which has room for 32
+// characters; returns the length.
+std::size_t FormatHead(const ToviLogRecord& record, char* out) {
+  std::memcpy(out, record.m_pTime + logformat::kStampTimeOfDayOffset,
+              logformat::kStampTimeOfDayLength);
+  char* p = out + logformat::kStampTimeOfDayLength;
+  p += logformat::kThreadMark.copy(p, logformat::kThreadMark.size());
+  char digits[8];
+  int n = 0;
+  uint32_t id = record.m_nThreadId;
+  do {
+    digits[n++] = "0123456789abcdef"[id & 0xF];
+    id >>= 4;
+  } while (id != 0);
+  while (n > 0) *p++ = digits[--n];
+  *p++ = ' ';
+  return static_cast<std::size_t>(p - out);
+}
+
+// The writer's own lines, each ending in "\n".
+void WriteLine(LogFileSet& files, std::string_view text) {
+  files.Write(text.data(), text.size());
+  files.Write("\n", 1);
+}
+
+std::string DirectoryOf(const LogWriterOptions& options) {
+  if (options.logPath.empty()) return ToviGetDefaultLogPath();
+  return options.logPath.back() == '/' ? options.logPath : options.logPath + '/';
+}
+
+LogFileSet::Settings FileSettings(const LogWriterOptions& options, const std::string& dir) {
+  LogFileSet::Settings settings;
+  settings.dir = dir;
+  settings.prefix = options.prefix;
+  settings.header = options.header;
+  settings.maxFileBytes = options.maxFileBytes;
+  return settings;
+}
+}  // namespace
+
+ToviLogWriter::ToviLogWriter(const LogWriterOptions& options)
+    : m_Options(options),
+      m_strLogPath(DirectoryOf(options)),
+      m_Queue(options.heldBackRecords),
+      m_Archive(m_strLogPath, options.prefix, options.archivesKept),
+      m_Files(FileSettings(options, m_strLogPath), *this, m_Archive, m_bStopRequested),
+      m_Console(m_Files) {
+  m_Sinks.Attach(SinkChain::kFile, &m_Files);
+  m_Sinks.Attach(SinkChain::kConsole, &m_Console);
+  // Joinable, so that the stop sequence returns the moment the thread has
+  // ended, and no thread of the library outlives its writer.
+  m_bStarted = toviport::StartThread(&ToviLogWriter::OutputThread, this, m_hThread);
+}
+
+bool ToviLogWriter::AttachSink(std::unique_ptr<RecordSink> sink) {
+  if (!m_Sinks.Attach(SinkChain::kForward, sink.get())) return false;
+  sink.release();  // the chain's now, freed by the stop sequence
+  return true;
+}
+
+void* ToviLogWriter::OutputThread(void* arg) {
+  ToviLogWriter* self = static_cast<ToviLogWriter*>(arg);
+  self->m_writerRole.Claim();
+  // The writer catches up in bursts; a burst must not push aside the very
+  // threads whose records it writes.
+  toviport::MakeBackgroundThread();
+
+  LogFileSet& files = self->m_Files;
+  self->m_Archive.Maintain();
+  if (!files.OpenUntilStopped()) {
+    self->m_Queue.SetWriterGone();
+    return nullptr;
+  }
+
+  WriteLine(files, logformat::kFirstFile);
+  char line[60];
+  std::snprintf(line, sizeof line, "%.*s%x\n",
+                static_cast<int>(logformat::kThreadHandleLead.size()),
+                logformat::kThreadHandleLead.data(), toviport::CurrentThreadId());
+  files.WriteText(line);
+  if (!files.Flush()) files.RecoverFromFailedWrite();
+
+  self->DrainOutputQueue();
+
+  self->m_Sinks.HandOver();
+  self->m_Console.ReportDrops();
+  files.ReportDropped(self->m_Queue.TakeDropped());
+  WriteLine(files, logformat::kThreadExit);
+  files.Flush();
+  // The last touch of the writer: from here on the stopping thread owns it.
+  self->m_Queue.SetWriterGone();
+  return nullptr;
+}
+
+void ToviLogWriter::DrainOutputQueue() {
+  m_writerRole.AssertHeld();
+  bool dry = true;
+  for (;;) {
+    if (m_bStopRequested.load(std::memory_order_acquire) && m_Queue.OutputCount() == 0) return;
+    ACE_Message_Block* chain = nullptr;
+    if (m_Queue.TakeAll(chain, dry ? kIdleWakeMs : 0) == -1) {
+      if (errno == EWOULDBLOCK) {
+        if (!dry) toviport::SleepUs(kDryNapUs);
+        dry = true;
+        continue;
+      }
+      WriteLine(m_Files, logformat::kNoMessageBlock);
+      m_Files.Flush();
+      m_Files.SleepUnlessStopped(100);
+      continue;
+    }
+    dry = false;
+    if (WriteBatch(chain)) return;
+  }
+}
+
+bool ToviLogWriter::WriteBatch(ACE_Message_Block* chain) {
+  m_writerRole.AssertHeld();
+  // What was written since the last hand-over, in queue bytes and lengths.
+  std::size_t bytes = 0;
+  std::size_t length = 0;
+  const auto handOver = [&] {
+    m_Sinks.HandOver();
+    m_Queue.Release(bytes, length);
+    bytes = length = 0;
+  };
+  for (ACE_Message_Block* block = chain; block != nullptr;) {
+    ACE_Message_Block* next = block->next();
+    block->next(nullptr);
+    bytes += RecordQueue::Charge(block);
+    length += block->length();
+    ToviLogRecord* record = recordblock::RecordIn(block);
+    const bool ended = record->IsEndMarker();
+    if (ended) {
+      // What was queued behind the marker stays for the stop sequence to
+      // count.
+      if (next != nullptr) m_Queue.PutBack(next);
+    } else if (record->HasData()) {
+      WriteRecord(record, false);
+    } else {
+      WriteLine(m_Files, logformat::kNoOutputData);
+    }
+    recordblock::Release(block);
+    if (ended) {
+      handOver();
+      return true;
+    }
+    if (length >= kBatchRecordBytes) handOver();
+    block = next;
+  }
+  handOver();
+  return false;
+}
+
+void ToviLogWriter::WriteRecord(ToviLogRecord* record, bool fromDiscardQueue) {
+  m_writerRole.AssertHeld();
+  if (record == nullptr || record->m_pTime == nullptr) return;
+  if (m_Files.HasFailedWrite()) m_Files.RecoverFromFailedWrite();
+  if (!m_Files.IsOpen()) {
+    // Only after a stop during a wait for a file: the record is counted.
+    if (record->m_bLog) m_Queue.CountDropped(1);
+    return;
+  }
+  m_Files.ReportDropped(m_Queue.TakeDropped());
+  // Held-back records come out before the assertion that explains them.
+  if (record->m_nLevel == LEVEL_ASSERT && !fromDiscardQueue) FlushDiscardQueue();
+
+  char head[32];
+  const std::size_t headLen = FormatHead(*record, head);
+  const uint16_t day = DayOf(record->m_pTime);
+  // The record's lines after the head: its text, a line end unless the text
+  // has one, then the rendered ASN.1 value.
+  const char* text = record->m_pText != nullptr ? record->m_pText : "";
+  const std::size_t textLen = record->m_pText != nullptr ? record->m_nTextLen : 0;
+  std::string asn;
+  if (record->m_pAsn != nullptr) {
+    try {
+      FormatAsnTrace(record->m_pAsn, asn);
+      asn += '\n';
+    } catch (...) {
+      asn.clear();  // no memory for the rendering: the record goes out without it
+    }
+  }
+  const bool newDay = day != g_lastDay.load(std::memory_order_relaxed);
+  m_Sinks.Add(SinkRecord{*record, head, headLen, text, textLen,
+                         textLen > 0 && text[textLen - 1] != '\n', asn, record->m_bLog,
+                         record->m_bPrint, newDay});
+  g_lastDay.store(day, std::memory_order_relaxed);
+}
+
+void ToviLogWriter::FlushDiscardQueue() {
+  while (ACE_Message_Block* block = m_Queue.TakeHeldBack()) {
+    ToviLogRecord* record = recordblock::RecordIn(block);
+    record->m_bLog = true;
+    record->m_bPrint = true;
+    WriteRecord(record, true);
+    recordblock::Release(block);
+  }
+}
+
+void ToviLogWriter::WriteStopLine(std::string_view what, std::size_t count, bool counted) {
+  char stamp[timestamp::kLength + 1];
+  char line[512];
+  timestamp::FormatNow(stamp);
+  const int length = static_cast<int>(what.size());
+  if (counted) {
+    std::snprintf(line, sizeof line, "%s%.*s(%d)\n", stamp, length, what.data(),
+                  static_cast<int>(count));
+  } else {
+    std::snprintf(line, sizeof line, "%s%.*s\n", stamp, length, what.data());
+  }
+  m_Files.WriteText(line);
+}
+
+ToviLogWriter::~ToviLogWriter() {
+  m_bStopRequested.store(true, std::memory_order_release);
+  if (m_bStarted) {
+    try {
+      m_Queue.PutEndMarker();
+      toviport::JoinThread(m_hThread);
+      m_writerRole.Claim();
+      m_Archive.Wait();
+      m_Queue.DiscardUnusedEndMarker();
+
+      // Drops counted after the thread's last word (producers that gave up
+      // on a writer without a file).
+      m_Files.ReportDropped(m_Queue.TakeDropped());
+      WriteStopLine(logformat::kStopClearHeldBack, m_Queue.HeldBackCount(), true);
+      if (!m_Queue.ClearHeldBack()) WriteLine(m_Files, logformat::kHeldBackClearFailed);
+      WriteStopLine(logformat::kStopClearOutput, m_Queue.OutputCount(), true);
+      if (!m_Queue.ClearOutput()) WriteLine(m_Files, logformat::kOutputClearFailed);
+      WriteStopLine(logformat::kStopCleared, 0, false);
+    } catch (...) {
+      // A destructor must not throw; the file is still closed below.
+    }
+  }
+  m_Files.Close();
+  delete m_Sinks.Detach(SinkChain::kForward);
+}
