@@ -88,17 +88,17 @@ Pass::Pass(const ToviDebugMgr* manager) {
   if (slot.shard == 0) {
     slot.shard = 1 + g_nextShard.fetch_add(1, std::memory_order_relaxed) % kShards;
   }
-  m_pCounter = &g_counts[g_epoch.load(std::memory_order_relaxed) & 1][slot.shard - 1].inside;
-  m_pCounter->fetch_add(1, std::memory_order_seq_cst);
+  m_counter = &g_counts[g_epoch.load(std::memory_order_relaxed) & 1][slot.shard - 1].inside;
+  m_counter->fetch_add(1, std::memory_order_seq_cst);
   ++slot.depth;
-  m_bAdmitted =
+  m_admitted =
       manager != nullptr && ToviDebugMgr::m_pInstance.load(std::memory_order_seq_cst) == manager;
 }
 
 Pass::~Pass() {
   --t_slot.depth;
   // Release: whoever sees the count drop also sees everything the call did.
-  m_pCounter->fetch_sub(1, std::memory_order_release);
+  m_counter->fetch_sub(1, std::memory_order_release);
 }
 
 bool WaitForCallsInside() {

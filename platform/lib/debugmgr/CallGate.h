@@ -33,11 +33,11 @@ public:
   Pass(const Pass&) = delete;
   Pass& operator=(const Pass&) = delete;
 
-  explicit operator bool() const { return m_bAdmitted; }
+  explicit operator bool() const { return m_admitted; }
 
 private:
-  std::atomic<long>* m_pCounter;
-  bool m_bAdmitted;
+  std::atomic<long>* m_counter;
+  bool m_admitted;
 };
 
 // Returns once every call that had passed the gate when this was called has

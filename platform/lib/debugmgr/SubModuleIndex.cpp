@@ -10,11 +10,11 @@ constexpr std::size_t kFirstSlots = 64;
 }
 
 SubModuleIndex::SubModuleIndex(const std::string& fallback)
-    : m_strFallback(fallback), m_nFallbackHash(SubModuleInfo::HashOf(fallback)) {}
+    : m_fallbackName(fallback), m_fallbackHash(SubModuleInfo::HashOf(fallback)) {}
 
 SubModuleIndex::~SubModuleIndex() {
-  FreeTable(m_pTable.load(std::memory_order_relaxed));
-  for (Table* table : m_RetiredTables) FreeTable(table);
+  FreeTable(m_table.load(std::memory_order_relaxed));
+  for (Table* table : m_retiredTables) FreeTable(table);
 }
 
 SubModuleIndex::Table* SubModuleIndex::NewTable(std::size_t slots) {
@@ -50,11 +50,11 @@ SubModuleInfo* SubModuleIndex::Find(const std::string& name) const {
 
 SubModuleInfo* SubModuleIndex::FindOrFallback(const std::string& name) const {
   SubModuleInfo* entry = Find(name, SubModuleInfo::HashOf(name));
-  return entry != nullptr ? entry : m_pFallback.load(std::memory_order_acquire);
+  return entry != nullptr ? entry : m_fallback.load(std::memory_order_acquire);
 }
 
 SubModuleInfo* SubModuleIndex::Find(const std::string& name, uint64_t hash) const {
-  const Table* table = m_pTable.load(std::memory_order_acquire);
+  const Table* table = m_table.load(std::memory_order_acquire);
   if (table == nullptr) return nullptr;
   for (std::size_t i = hash & table->mask;; i = (i + 1) & table->mask) {
     SubModuleInfo* entry = table->slots[i].load(std::memory_order_acquire);
@@ -64,7 +64,7 @@ SubModuleInfo* SubModuleIndex::Find(const std::string& name, uint64_t hash) cons
 }
 
 bool SubModuleIndex::Insert(SubModuleInfo* entry) {
-  Table* table = m_pTable.load(std::memory_order_relaxed);
+  Table* table = m_table.load(std::memory_order_relaxed);
   // At most half full, so that a probe ends soon at an empty slot.
   if (table == nullptr || 2 * (table->used + 1) > table->mask + 1) {
     const std::size_t slots = table == nullptr ? kFirstSlots : 2 * (table->mask + 1);
@@ -72,7 +72,7 @@ bool SubModuleIndex::Insert(SubModuleInfo* entry) {
     if (grown == nullptr) return false;
     if (table != nullptr) {
       try {
-        m_RetiredTables.push_back(table);
+        m_retiredTables.push_back(table);
       } catch (...) {
         FreeTable(grown);
         return false;
@@ -82,12 +82,12 @@ bool SubModuleIndex::Insert(SubModuleInfo* entry) {
         if (old != nullptr) Place(*grown, old);
       }
     }
-    m_pTable.store(grown, std::memory_order_release);
+    m_table.store(grown, std::memory_order_release);
     table = grown;
   }
   Place(*table, entry);
-  if (entry->Hash() == m_nFallbackHash && entry->Name() == m_strFallback) {
-    m_pFallback.store(entry, std::memory_order_release);
+  if (entry->Hash() == m_fallbackHash && entry->Name() == m_fallbackName) {
+    m_fallback.store(entry, std::memory_order_release);
   }
   return true;
 }

@@ -45,12 +45,12 @@ private:
   static void FreeTable(Table* table);
   static void Place(Table& table, SubModuleInfo* entry);
 
-  const std::string m_strFallback;
-  const uint64_t m_nFallbackHash;
-  std::atomic<Table*> m_pTable{nullptr};
+  const std::string m_fallbackName;
+  const uint64_t m_fallbackHash;
+  std::atomic<Table*> m_table{nullptr};
   // The fallback's entry once it exists: entries live as long as the index.
-  std::atomic<SubModuleInfo*> m_pFallback{nullptr};
-  std::vector<Table*> m_RetiredTables;
+  std::atomic<SubModuleInfo*> m_fallback{nullptr};
+  std::vector<Table*> m_retiredTables;
 };
 
 #endif

@@ -9,9 +9,9 @@ uint32_t Bits(const std::bitset<32>& mask) { return static_cast<uint32_t>(mask.t
 
 SubModuleInfo::SubModuleInfo(const std::string& name, const std::bitset<32>& level,
                              const std::bitset<32>& output)
-    : m_strName(name),
-      m_nHash(HashOf(name)),
-      m_nMasks(static_cast<uint64_t>(Bits(output)) << 32 | Bits(level)) {}
+    : m_name(name),
+      m_hash(HashOf(name)),
+      m_masks(static_cast<uint64_t>(Bits(output)) << 32 | Bits(level)) {}
 
 uint64_t SubModuleInfo::HashOf(const std::string& name) {
   // FNV-1a: a few instructions per byte, and names are short.
@@ -24,13 +24,13 @@ uint64_t SubModuleInfo::HashOf(const std::string& name) {
 }
 
 void SubModuleInfo::Load(std::bitset<32>& level, std::bitset<32>& output) const {
-  const uint64_t masks = m_nMasks.load(std::memory_order_acquire);
+  const uint64_t masks = m_masks.load(std::memory_order_acquire);
   level = std::bitset<32>(Low(masks));
   output = std::bitset<32>(High(masks));
 }
 
 void SubModuleInfo::SetMasks(const std::bitset<32>& level, const std::bitset<32>& output) {
-  m_nMasks.store(static_cast<uint64_t>(Bits(output)) << 32 | Bits(level),
+  m_masks.store(static_cast<uint64_t>(Bits(output)) << 32 | Bits(level),
                  std::memory_order_release);
 }
 
@@ -40,7 +40,7 @@ bool SubModuleInfo::SetOutputBit(unsigned n, bool on) { return n < 32 && SetWord
 
 bool SubModuleInfo::SetWordBit(unsigned n, bool on) {
   const uint64_t bit = uint64_t{1} << n;
-  const uint64_t masks = m_nMasks.load(std::memory_order_relaxed);
-  m_nMasks.store(on ? masks | bit : masks & ~bit, std::memory_order_release);
+  const uint64_t masks = m_masks.load(std::memory_order_relaxed);
+  m_masks.store(on ? masks | bit : masks & ~bit, std::memory_order_release);
   return true;
 }

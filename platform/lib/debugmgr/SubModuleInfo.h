@@ -19,8 +19,8 @@ public:
   SubModuleInfo(const SubModuleInfo&) = delete;
   SubModuleInfo& operator=(const SubModuleInfo&) = delete;
 
-  const std::string& Name() const { return m_strName; }
-  uint64_t Hash() const { return m_nHash; }
+  const std::string& Name() const { return m_name; }
+  uint64_t Hash() const { return m_hash; }
 
   void Load(std::bitset<32>& level, std::bitset<32>& output) const;
 
@@ -36,10 +36,10 @@ private:
   // Sets bit n of the packed word (levels 0-31, outputs 32-63).
   bool SetWordBit(unsigned n, bool on);
 
-  const std::string m_strName;
-  const uint64_t m_nHash;
+  const std::string m_name;
+  const uint64_t m_hash;
   // Level mask in the low half, output mask in the high half.
-  std::atomic<uint64_t> m_nMasks;
+  std::atomic<uint64_t> m_masks;
 };
 
 #endif

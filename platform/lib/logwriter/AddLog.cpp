@@ -25,7 +25,7 @@ constexpr std::size_t kMaxSubModuleName = 255;
 
 bool ToviLogWriter::AddLog(const std::string& subModule, ToviLogLevel level, const char* text,
                            const AsnType* asn, bool bPrint, bool bLog) {
-  if (!m_bStarted || text == nullptr) return false;
+  if (!m_started || text == nullptr) return false;
 
   // "<sub-module> <prefix><message>", the message cut at 2048 bytes.
   const std::string_view prefix = logformat::LevelPrefix(level);
@@ -57,8 +57,8 @@ bool ToviLogWriter::AddLog(const std::string& subModule, ToviLogLevel level, con
   record->m_nTextLen = static_cast<uint32_t>(textLen);
   record->m_nSubModuleLen = static_cast<uint32_t>(nameLen);
   record->m_nThreadId = toviport::CurrentThreadId();
-  record->m_bPrint = bPrint || m_Options.printAll;
-  record->m_bLog = bLog || m_Options.logAll;
+  record->m_bPrint = bPrint || m_options.printAll;
+  record->m_bLog = bLog || m_options.logAll;
   record->m_nLevel = level;
   if (asn != nullptr) {
     try {
@@ -68,5 +68,5 @@ bool ToviLogWriter::AddLog(const std::string& subModule, ToviLogLevel level, con
       return false;
     }
   }
-  return m_Queue.Put(block);
+  return m_queue.Put(block);
 }

@@ -91,21 +91,21 @@ LogFileSet::Settings FileSettings(const LogWriterOptions& options, const std::st
 }  // namespace
 
 ToviLogWriter::ToviLogWriter(const LogWriterOptions& options)
-    : m_Options(options),
-      m_strLogPath(DirectoryOf(options)),
-      m_Queue(options.heldBackRecords),
-      m_Archive(m_strLogPath, options.prefix, options.archivesKept),
-      m_Files(FileSettings(options, m_strLogPath), *this, m_Archive, m_bStopRequested),
-      m_Console(m_Files) {
-  m_Sinks.Attach(SinkChain::kFile, &m_Files);
-  m_Sinks.Attach(SinkChain::kConsole, &m_Console);
+    : m_options(options),
+      m_logPath(DirectoryOf(options)),
+      m_queue(options.heldBackRecords),
+      m_archive(m_logPath, options.prefix, options.archivesKept),
+      m_files(FileSettings(options, m_logPath), *this, m_archive, m_stopRequested),
+      m_console(m_files) {
+  m_sinks.Attach(SinkChain::kFile, &m_files);
+  m_sinks.Attach(SinkChain::kConsole, &m_console);
   // Joinable, so that the stop sequence returns the moment the thread has
   // ended, and no thread of the library outlives its writer.
-  m_bStarted = toviport::StartThread(&ToviLogWriter::OutputThread, this, m_hThread);
+  m_started = toviport::StartThread(&ToviLogWriter::OutputThread, this, m_thread);
 }
 
 bool ToviLogWriter::AttachSink(std::unique_ptr<RecordSink> sink) {
-  if (!m_Sinks.Attach(SinkChain::kForward, sink.get())) return false;
+  if (!m_sinks.Attach(SinkChain::kForward, sink.get())) return false;
   sink.release();  // the chain's now, freed by the stop sequence
   return true;
 }
@@ -117,10 +117,10 @@ void* ToviLogWriter::OutputThread(void* arg) {
   // threads whose records it writes.
   toviport::MakeBackgroundThread();
 
-  LogFileSet& files = self->m_Files;
-  self->m_Archive.Maintain();
+  LogFileSet& files = self->m_files;
+  self->m_archive.Maintain();
   if (!files.OpenUntilStopped()) {
-    self->m_Queue.SetWriterGone();
+    self->m_queue.SetWriterGone();
     return nullptr;
   }
 
@@ -134,13 +134,13 @@ void* ToviLogWriter::OutputThread(void* arg) {
 
   self->DrainOutputQueue();
 
-  self->m_Sinks.HandOver();
-  self->m_Console.ReportDrops();
-  files.ReportDropped(self->m_Queue.TakeDropped());
+  self->m_sinks.HandOver();
+  self->m_console.ReportDrops();
+  files.ReportDropped(self->m_queue.TakeDropped());
   WriteLine(files, logformat::kThreadExit);
   files.Flush();
   // The last touch of the writer: from here on the stopping thread owns it.
-  self->m_Queue.SetWriterGone();
+  self->m_queue.SetWriterGone();
   return nullptr;
 }
 
@@ -148,17 +148,17 @@ void ToviLogWriter::DrainOutputQueue() {
   m_writerRole.AssertHeld();
   bool dry = true;
   for (;;) {
-    if (m_bStopRequested.load(std::memory_order_acquire) && m_Queue.OutputCount() == 0) return;
+    if (m_stopRequested.load(std::memory_order_acquire) && m_queue.OutputCount() == 0) return;
     ACE_Message_Block* chain = nullptr;
-    if (m_Queue.TakeAll(chain, dry ? kIdleWakeMs : 0) == -1) {
+    if (m_queue.TakeAll(chain, dry ? kIdleWakeMs : 0) == -1) {
       if (errno == EWOULDBLOCK) {
         if (!dry) toviport::SleepUs(kDryNapUs);
         dry = true;
         continue;
       }
-      WriteLine(m_Files, logformat::kNoMessageBlock);
-      m_Files.Flush();
-      m_Files.SleepUnlessStopped(100);
+      WriteLine(m_files, logformat::kNoMessageBlock);
+      m_files.Flush();
+      m_files.SleepUnlessStopped(100);
       continue;
     }
     dry = false;
@@ -172,8 +172,8 @@ bool ToviLogWriter::WriteBatch(ACE_Message_Block* chain) {
   std::size_t bytes = 0;
   std::size_t length = 0;
   const auto handOver = [&] {
-    m_Sinks.HandOver();
-    m_Queue.Release(bytes, length);
+    m_sinks.HandOver();
+    m_queue.Release(bytes, length);
     bytes = length = 0;
   };
   for (ACE_Message_Block* block = chain; block != nullptr;) {
@@ -186,11 +186,11 @@ bool ToviLogWriter::WriteBatch(ACE_Message_Block* chain) {
     if (ended) {
       // What was queued behind the marker stays for the stop sequence to
       // count.
-      if (next != nullptr) m_Queue.PutBack(next);
+      if (next != nullptr) m_queue.PutBack(next);
     } else if (record->HasData()) {
       WriteRecord(record, false);
     } else {
-      WriteLine(m_Files, logformat::kNoOutputData);
+      WriteLine(m_files, logformat::kNoOutputData);
     }
     recordblock::Release(block);
     if (ended) {
@@ -207,13 +207,13 @@ bool ToviLogWriter::WriteBatch(ACE_Message_Block* chain) {
 void ToviLogWriter::WriteRecord(ToviLogRecord* record, bool fromDiscardQueue) {
   m_writerRole.AssertHeld();
   if (record == nullptr || record->m_pTime == nullptr) return;
-  if (m_Files.HasFailedWrite()) m_Files.RecoverFromFailedWrite();
-  if (!m_Files.IsOpen()) {
+  if (m_files.HasFailedWrite()) m_files.RecoverFromFailedWrite();
+  if (!m_files.IsOpen()) {
     // Only after a stop during a wait for a file: the record is counted.
-    if (record->m_bLog) m_Queue.CountDropped(1);
+    if (record->m_bLog) m_queue.CountDropped(1);
     return;
   }
-  m_Files.ReportDropped(m_Queue.TakeDropped());
+  m_files.ReportDropped(m_queue.TakeDropped());
   // Held-back records come out before the assertion that explains them.
   if (record->m_nLevel == LEVEL_ASSERT && !fromDiscardQueue) FlushDiscardQueue();
 
@@ -234,14 +234,14 @@ void ToviLogWriter::WriteRecord(ToviLogRecord* record, bool fromDiscardQueue) {
     }
   }
   const bool newDay = day != g_lastDay.load(std::memory_order_relaxed);
-  m_Sinks.Add(SinkRecord{*record, head, headLen, text, textLen,
+  m_sinks.Add(SinkRecord{*record, head, headLen, text, textLen,
                          textLen > 0 && text[textLen - 1] != '\n', asn, record->m_bLog,
                          record->m_bPrint, newDay});
   g_lastDay.store(day, std::memory_order_relaxed);
 }
 
 void ToviLogWriter::FlushDiscardQueue() {
-  while (ACE_Message_Block* block = m_Queue.TakeHeldBack()) {
+  while (ACE_Message_Block* block = m_queue.TakeHeldBack()) {
     ToviLogRecord* record = recordblock::RecordIn(block);
     record->m_bLog = true;
     record->m_bPrint = true;
@@ -261,31 +261,31 @@ void ToviLogWriter::WriteStopLine(std::string_view what, std::size_t count, bool
   } else {
     std::snprintf(line, sizeof line, "%s%.*s\n", stamp, length, what.data());
   }
-  m_Files.WriteText(line);
+  m_files.WriteText(line);
 }
 
 ToviLogWriter::~ToviLogWriter() {
-  m_bStopRequested.store(true, std::memory_order_release);
-  if (m_bStarted) {
+  m_stopRequested.store(true, std::memory_order_release);
+  if (m_started) {
     try {
-      m_Queue.PutEndMarker();
-      toviport::JoinThread(m_hThread);
+      m_queue.PutEndMarker();
+      toviport::JoinThread(m_thread);
       m_writerRole.Claim();
-      m_Archive.Wait();
-      m_Queue.DiscardUnusedEndMarker();
+      m_archive.Wait();
+      m_queue.DiscardUnusedEndMarker();
 
       // Drops counted after the thread's last word (producers that gave up
       // on a writer without a file).
-      m_Files.ReportDropped(m_Queue.TakeDropped());
-      WriteStopLine(logformat::kStopClearHeldBack, m_Queue.HeldBackCount(), true);
-      if (!m_Queue.ClearHeldBack()) WriteLine(m_Files, logformat::kHeldBackClearFailed);
-      WriteStopLine(logformat::kStopClearOutput, m_Queue.OutputCount(), true);
-      if (!m_Queue.ClearOutput()) WriteLine(m_Files, logformat::kOutputClearFailed);
+      m_files.ReportDropped(m_queue.TakeDropped());
+      WriteStopLine(logformat::kStopClearHeldBack, m_queue.HeldBackCount(), true);
+      if (!m_queue.ClearHeldBack()) WriteLine(m_files, logformat::kHeldBackClearFailed);
+      WriteStopLine(logformat::kStopClearOutput, m_queue.OutputCount(), true);
+      if (!m_queue.ClearOutput()) WriteLine(m_files, logformat::kOutputClearFailed);
       WriteStopLine(logformat::kStopCleared, 0, false);
     } catch (...) {
       // A destructor must not throw; the file is still closed below.
     }
   }
-  m_Files.Close();
-  delete m_Sinks.Detach(SinkChain::kForward);
+  m_files.Close();
+  delete m_sinks.Detach(SinkChain::kForward);
 }

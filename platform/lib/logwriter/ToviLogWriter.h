@@ -60,16 +60,16 @@ public:
   // or dropped.
   bool AddLog(const std::string& subModule, ToviLogLevel level, const char* text,
               const AsnType* asn, bool bPrint, bool bLog);
-  std::string GetLogPath() const { return m_strLogPath; }
-  const std::string& Prefix() const { return m_Options.prefix; }
+  std::string GetLogPath() const { return m_logPath; }
+  const std::string& Prefix() const { return m_options.prefix; }
   // Records written to the file from now on also go to sink, which the
   // writer owns from here on; false (and sink dropped) when one is attached
   // already.
   bool AttachSink(std::unique_ptr<RecordSink> sink);
 
   // Records waiting in each queue (not yet taken by the writer thread).
-  std::size_t OutputQueueCount() { return m_Queue.OutputCount(); }
-  std::size_t DiscardQueueCount() { return m_Queue.HeldBackCount(); }
+  std::size_t OutputQueueCount() { return m_queue.OutputCount(); }
+  std::size_t DiscardQueueCount() { return m_queue.HeldBackCount(); }
 
 private:
   static void* OutputThread(void* self);
@@ -85,22 +85,22 @@ private:
   void WriteStopLine(std::string_view what, std::size_t count, bool counted);
 
   // FileSetEvents: what the file set says goes to the producers' side.
-  void FileStalled(bool stalled) override { m_Queue.SetWriterStalled(stalled); }
-  void RecordsDropped(uint64_t records) override { m_Queue.CountDropped(records); }
+  void FileStalled(bool stalled) override { m_queue.SetWriterStalled(stalled); }
+  void RecordsDropped(uint64_t records) override { m_queue.CountDropped(records); }
 
-  const LogWriterOptions m_Options;
-  const std::string m_strLogPath;
-  std::atomic<bool> m_bStopRequested{false};
-  RecordQueue m_Queue;
-  LogArchive m_Archive;
-  LogFileSet m_Files;
-  ConsoleOutput m_Console;
-  SinkChain m_Sinks;
+  const LogWriterOptions m_options;
+  const std::string m_logPath;
+  std::atomic<bool> m_stopRequested{false};
+  RecordQueue m_queue;
+  LogArchive m_archive;
+  LogFileSet m_files;
+  ConsoleOutput m_console;
+  SinkChain m_sinks;
   // The state above that the writer thread alone touches while it runs; the
   // stop sequence takes the role over once that thread has ended.
   toviport::ThreadRole m_writerRole;
-  bool m_bStarted = false;
-  toviport::ThreadHandle m_hThread{};
+  bool m_started = false;
+  toviport::ThreadHandle m_thread{};
 };
 
 #endif
