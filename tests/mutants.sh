@@ -35,10 +35,10 @@ while IFS='|' read -r path old new <&3; do
   [[ $status == KILLED || $status == SURVIVED ]] || bad=$((bad + 1))
   printf '%-9s %2d  %s  %s -> %s\n' "$status" "$n" "$path" "$old" "$new"
 done 3<<'MUTANTS'
-platform/lib/logwriter/RecordWriter.cpp|*p++ = 'T';|*p++ = 't';
-platform/lib/logwriter/RecordWriter.cpp|"0123456789abcdef"[id & 0xF]|"0123456789ABCDEF"[id & 0xF]
-platform/lib/logwriter/RecordWriter.cpp|m_Files.Write("\n", 1)|m_Files.Write("\n", 0)
-platform/lib/logwriter/RecordWriter.cpp|g_lastDay.store(day,|g_lastDay.store(0,
+platform/lib/logwriter/LogFormat.h|kThreadMark = ".T"|kThreadMark = ".t"
+platform/lib/logwriter/ToviLogWriter.cpp|"0123456789abcdef"[id & 0xF]|"0123456789ABCDEF"[id & 0xF]
+platform/lib/logwriter/LogFileSet.cpp|if (record.lineEnd) Write("\n", 1);|if (record.lineEnd) Write("\n", 0);
+platform/lib/logwriter/ToviLogWriter.cpp|g_lastDay.store(day,|g_lastDay.store(0,
 platform/lib/logwriter/AddLog.cpp|kMaxMessage = 2048|kMaxMessage = 2047
 platform/lib/logwriter/AddLog.cpp|kMaxSubModuleName = 255|kMaxSubModuleName = 256
 platform/lib/logwriter/TimeStamp.cpp|(micros / 100 % 100)|(micros / 10 % 100)
@@ -51,16 +51,16 @@ platform/lib/logwriter/LogArchive.cpp|if (!m_sparedKey.empty() &&|if (m_sparedKe
 platform/lib/logwriter/LogArchive.cpp|Compress(name) != Outcome::Busy|Compress(name) == Outcome::Busy
 platform/lib/logwriter/GzipArchive.cpp|if (done) toviport::RemoveFile|if (archived) toviport::RemoveFile
 platform/lib/logwriter/RecordQueue.cpp|message_count() >= m_heldBackLimit|message_count() > m_heldBackLimit
-platform/lib/logwriter/RecordWriter.cpp|record->m_bLog = true;|record->m_bLog = false;
+platform/lib/logwriter/ToviLogWriter.cpp|record->m_bLog = true;|record->m_bLog = false;
 platform/lib/logwriter/RecordBatchQueue.h|this->head_ = this->tail_ = nullptr;|this->head_ = nullptr;
 platform/lib/logwriter/ConsoleOutput.cpp|m_stalled ? 0 : kConsoleWaitMs|m_stalled ? kConsoleWaitMs : 0
 platform/lib/trace/Trace.cpp|level >= 0 && level <= 31|level >= 0 && level < 31
 platform/lib/trace/Trace.cpp|outputs.test(OUTPUT_CONSOLE)|outputs.test(OUTPUT_FILE)
-platform/lib/trace/Trace.cpp|"%s%s_"|"%s%s"
-platform/lib/trace/Trace.cpp|creating(g_appWriterCreation)|creating(*new ACE_Thread_Mutex)
+platform/lib/debugmgr/WriterTable.cpp|initName + appName + "_"|initName + appName
+platform/lib/debugmgr/WriterTable.cpp|toviport::MutexLock creating(m_creation);|toviport::Mutex spare; toviport::MutexLock creating(spare);
 platform/lib/debugmgr/CallGate.cpp|) == manager;|) != nullptr;
-platform/lib/debugmgr/Init.cpp|zipNum *= 5|zipNum *= 4
-platform/lib/debugmgr/Init.cpp|value > 4369 ?|value >= 4369 ?
+platform/lib/debugmgr/ToviDebugMgr.cpp|options.archivesKept *= 5|options.archivesKept *= 4
+platform/lib/debugmgr/DebugConfig.cpp|value > 4369 ?|value >= 4369 ?
 platform/lib/debugmgr/ConfigKeys.h|kLevelDefault[] = "1100"|kLevelDefault[] = "1110"
 platform/lib/debugmgr/DebugConfig.cpp|c != '1') return false;|c != '1') continue;
 platform/lib/baseutil/ConfigReader.cpp|if (line[0] == '#')|if (line[0] == ';')
@@ -73,8 +73,8 @@ platform/lib/baseutil/OutputSwitches.cpp|g_enablePrint{0}|g_enablePrint{1}
 platform/lib/baseutil/MakeDirEx.cpp|sizeof("mkdir \"\"") - 1|sizeof("mkdir \"\"")
 platform/lib/baseutil/InstallPaths.cpp|"var/logs/mrblog/"|"var/log/mrblog/"
 platform/lib/baseutil/LocaleBom.cpp|"\xEF\xBB\xBF"|"\xEF\xBB"
-platform/lib/trace/Printf.cpp|kFormatBufSize = 2048|kFormatBufSize = 2049
-platform/lib/trace/Printf.cpp|m_nDefLogLevel.load(std::memory_order_relaxed)|LEVEL_INFO
+platform/lib/trace/Trace.cpp|kFormatBufSize = 2048|kFormatBufSize = 2049
+platform/lib/trace/Trace.cpp|m_pDefaults->Level()|LEVEL_INFO
 platform/lib/forward/SyslogMessage.cpp|case LEVEL_WARN: return 4;|case LEVEL_WARN: return 5;
 platform/lib/forward/SyslogMessage.cpp|" [tovi@32473 thread=\""|"[tovi@32473 thread=\""
 platform/lib/forward/SyslogMessage.cpp|(sizeof kCutMark - 1)|sizeof kCutMark
