@@ -34,10 +34,10 @@ struct Engine : ToviDebugEngine {
 // A name that cannot start the names of files in the log directory leaves
 // the manager uninitialised and writes nothing: a separator or "..", where
 // that path exists too, or a name that fits the file system while its
-// longest file name (26 characters more) does not. The first Init that
-// succeeds is the only one.
+// longest file name (26 characters more) does not; nothing of what it read
+// is registered. The first Init that succeeds is the only one.
 TEST(DebugMgr, InitRefusesUnusableNamesAndHappensOnce) {
-  MgrRoot inst("MRB_level=1\nMRB_output=11\n");
+  MgrRoot inst("MRB_level=1\nMRB_output=11\nGONE_level=1\n");
   ToviDebugMgr* mgr = ToviDebugMgr::Instance();
   std::filesystem::create_directories(inst.logs / "sub/x");
   const long nameMax = ::pathconf(inst.logs.path().c_str(), _PC_NAME_MAX);
@@ -45,8 +45,9 @@ TEST(DebugMgr, InitRefusesUnusableNamesAndHappensOnce) {
                                  std::string(".."), std::string(nameMax - 25, 'n')})
     EXPECT_FALSE(mgr->Init(bad, "", inst.logs.path(), "", false, false)) << bad;
   ModuleMap items;
+  std::bitset<32> level, output;
   EXPECT_FALSE(mgr->IsInit() || mgr->Trace("MRB", LEVEL_ASSERT, "x", nullptr, false, true) ||
-               mgr->GetAllModuleInfo(items));
+               mgr->GetAllModuleInfo(items) || mgr->GetSubModuleInfo("GONE", level, output));
   EXPECT_EQ(ListDir(inst.logs.path()), std::vector<std::string>{"sub"});
   // The longest name that fits is taken, and the configuration is read
   // again; an application's name joined to it would not fit.
