@@ -114,7 +114,8 @@ std::size_t KeepShared(int c, ACE_Message_Block* const* in, std::size_t n) {
   std::size_t kept = 0;
   try {
     while (kept < n && store.bytes + kBlockSizes[c] <= kSharedCapBytes) {
-      blocks.push_back(in[kept++]);
+      blocks.push_back(in[kept]);
+      ++kept;
       store.bytes += kBlockSizes[c];
     }
   } catch (...) {
