@@ -265,10 +265,9 @@ int ConsolePrintf(const char* format, ...) {
   return n;
 }
 
-namespace {
-// Waits until standard output can take at least PIPE_BUF bytes without
-// blocking, or the deadline passes.
-bool StdoutWritable(int64_t deadline) {
+std::size_t ConsoleAtomicWrite() { return PIPE_BUF; }
+
+bool ConsoleWritable(int64_t deadline) {
   for (;;) {
     const int64_t left = deadline - SteadyMs();
     struct pollfd out {STDOUT_FILENO, POLLOUT, 0};
@@ -278,40 +277,18 @@ bool StdoutWritable(int64_t deadline) {
   }
 }
 
-// What the process printed through stdio goes out before the records that
-// follow it, but only if that cannot block: the stream's lock may be held by
-// a thread stuck on the same output, and its buffer (at most a pipe's page)
-// goes out only when there is room for it.
-void FlushStdioAhead(int64_t deadline) {
-  if (::ftrylockfile(stdout) != 0) return;
-  if (__fpending(stdout) > 0 && __fpending(stdout) <= PIPE_BUF && StdoutWritable(deadline)) {
-    ::fflush_unlocked(stdout);
-  }
-  ::funlockfile(stdout);
+long ConsoleWriteOnce(const char* text, std::size_t size) {
+  const ssize_t n = ::write(STDOUT_FILENO, text, size);
+  return n >= 0 ? static_cast<long>(n) : -static_cast<long>(errno);
 }
-}  // namespace
 
-std::size_t ConsoleWrite(const char* text, std::size_t size, unsigned waitMs) {
-  // Pieces of at most PIPE_BUF: once poll says a pipe has room, a write that
-  // small never blocks.
-  const int64_t deadline = SteadyMs() + waitMs;
-  FlushStdioAhead(deadline);
-  std::size_t written = 0;
-  while (written < size) {
-    const int64_t left = deadline - SteadyMs();
-    if (!StdoutWritable(deadline)) break;
-    const std::size_t piece = size - written < PIPE_BUF ? size - written : PIPE_BUF;
-    const ssize_t n = ::write(STDOUT_FILENO, text + written, piece);
-    if (n > 0) {
-      written += static_cast<std::size_t>(n);
-    } else if (n < 0 && errno != EINTR && errno != EAGAIN) {
-      break;
-    } else if (left <= 0) {
-      break;
-    }
-  }
-  return written;
-}
+bool TryLockStdout() { return ::ftrylockfile(stdout) == 0; }
+
+void UnlockStdout() { ::funlockfile(stdout); }
+
+std::size_t StdoutPending() { return __fpending(stdout); }
+
+void FlushStdoutLocked() { ::fflush_unlocked(stdout); }
 
 int64_t SteadyMs() {
   struct timespec now;

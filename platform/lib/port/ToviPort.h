@@ -143,10 +143,30 @@ void SleepUs(unsigned microseconds);
 int WriteToStream(FILE* file, const char* text);
 // printf on the process's standard output.
 int ConsolePrintf(const char* format, ...) __attribute__((format(printf, 1, 2)));
-// Puts text on the process's standard output, past the stream's buffer,
-// waiting at most waitMs in all for the output to take it: a pipe that
-// nobody reads must not hold the writer. Returns the bytes taken.
-std::size_t ConsoleWrite(const char* text, std::size_t size, unsigned waitMs);
+
+// The process's standard output below its stdio stream. These never wait
+// longer than they are told to; how long to wait is the caller's choice.
+//
+// The most bytes a pipe takes in one write without splitting it: once a
+// pipe has room, a write no larger than this never blocks.
+std::size_t ConsoleAtomicWrite();
+// Waits until standard output can take ConsoleAtomicWrite() bytes without
+// blocking, or until deadline on the SteadyMs clock; true when it can. A
+// deadline already past asks once, without waiting.
+bool ConsoleWritable(int64_t deadline);
+// One write of at most size bytes to standard output, bypassing the stdio
+// stream: the bytes taken, or minus the errno (EINTR and EAGAIN included).
+long ConsoleWriteOnce(const char* text, std::size_t size);
+
+// Standard output's stdio stream, taken for the caller without waiting:
+// false when another thread holds it. Every true is followed by one
+// UnlockStdout.
+bool TryLockStdout();
+void UnlockStdout();
+// The bytes the stream holds that have not gone out yet, and a flush of
+// them; the caller holds the stream (TryLockStdout).
+std::size_t StdoutPending();
+void FlushStdoutLocked();
 
 // A steady clock in milliseconds, for intervals only.
 int64_t SteadyMs();
