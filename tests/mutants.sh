@@ -75,7 +75,7 @@ platform/lib/baseutil/InstallPaths.cpp|"var/logs/mrblog/"|"var/log/mrblog/"
 platform/lib/baseutil/LocaleBom.cpp|"\xEF\xBB\xBF"|"\xEF\xBB"
 platform/lib/trace/Trace.cpp|kFormatBufSize = 2048|kFormatBufSize = 2049
 platform/lib/trace/Trace.cpp|m_pDefaults->Level()|LEVEL_INFO
-platform/lib/forward/SyslogMessage.cpp|case LEVEL_WARN: return 4;|case LEVEL_WARN: return 5;
+platform/lib/logwriter/LogFormat.h|{"WARN", "WARN: ", 4}|{"WARN", "WARN: ", 5}
 platform/lib/forward/SyslogMessage.cpp|" [tovi@32473 thread=\""|"[tovi@32473 thread=\""
 platform/lib/forward/SyslogMessage.cpp|(sizeof kCutMark - 1)|sizeof kCutMark
 tools/tovilog/Level.cpp|(2u << level) - 1|(1u << level) - 1

@@ -3,7 +3,6 @@
 
 #include <cstdlib>
 
-#include <ace/Guard_T.h>
 #include <ace/Time_Value.h>
 
 #include "forward/SyslogMessage.h"
@@ -58,11 +57,11 @@ bool SyslogForwarder::Parse(const std::string& target, const std::string& facili
 
 SyslogForwarder::SyslogForwarder(const Settings& settings,
                                  std::function<void(const std::string&)> notify)
-    : m_Settings(settings),
-      m_Notify(std::move(notify)),
-      m_Wake(m_Lock),
-      m_Socket(settings.host, settings.port, settings.tcp, kNetworkWaitMs) {
-  m_bStarted = toviport::StartThread(&SyslogForwarder::Run, this, m_hThread);
+    : m_settings(settings),
+      m_wake(m_lock),
+      m_notify(std::move(notify)),
+      m_socket(settings.host, settings.port, settings.tcp, kNetworkWaitMs) {
+  m_started = toviport::StartThread(&SyslogForwarder::Run, this, m_thread);
 }
 
 SyslogForwarder::~SyslogForwarder() {
@@ -72,10 +71,14 @@ SyslogForwarder::~SyslogForwarder() {
 
 void SyslogForwarder::Submit(std::string& framed, std::size_t count) {
   if (count == 0) return;
-  ACE_Guard<ACE_Thread_Mutex> guard(m_Lock);
+  toviport::MutexLock guard(m_lock);
+  if (!guard) {
+    framed.clear();
+    return;
+  }
   // The frames that fit are kept, in order; the rest are counted.
-  const std::size_t room = m_bStarted && m_nBacklogBytes < m_Settings.backlogBytes
-                               ? m_Settings.backlogBytes - m_nBacklogBytes
+  const std::size_t room = m_started && m_backlogBytes < m_settings.backlogBytes
+                               ? m_settings.backlogBytes - m_backlogBytes
                                : 0;
   std::size_t fits = 0;
   std::size_t kept = 0;
@@ -85,75 +88,83 @@ void SyslogForwarder::Submit(std::string& framed, std::size_t count) {
     ++kept;
   }
   if (kept < count) {
-    m_nDropped += count - kept;
-    m_bAccepting.store(false, std::memory_order_relaxed);
+    m_dropped += count - kept;
+    m_accepting.store(false, std::memory_order_relaxed);
     framed.resize(fits);
   }
   if (kept > 0) {
-    m_nBacklogBytes += framed.size();
-    m_Backlog.push_back({std::move(framed), kept});
+    m_backlogBytes += framed.size();
+    m_backlog.push_back({std::move(framed), kept});
   }
   framed.clear();
-  m_Wake.signal();
+  m_wake.Signal();
 }
 
 void SyslogForwarder::Skipped(std::size_t count) {
   if (count == 0) return;
-  ACE_Guard<ACE_Thread_Mutex> guard(m_Lock);
-  m_nDropped += count;
-  m_Wake.signal();
+  toviport::MutexLock guard(m_lock);
+  if (!guard) return;
+  m_dropped += count;
+  m_wake.Signal();
 }
 
 void SyslogForwarder::Stop() {
   {
-    ACE_Guard<ACE_Thread_Mutex> guard(m_Lock);
-    if (m_bStopping) return;
-    m_bStopping = true;
-    m_nStopDeadlineMs = toviport::SteadyMs() + kStopWindowMs;
-    m_Wake.signal();
+    toviport::MutexLock guard(m_lock);
+    if (!guard || m_stopping) return;
+    m_stopping = true;
+    m_stopDeadlineMs = toviport::SteadyMs() + kStopWindowMs;
+    m_wake.Signal();
   }
-  if (m_bStarted) toviport::JoinThread(m_hThread);
-  m_Socket.Close();
+  if (m_started) toviport::JoinThread(m_thread);
+  m_threadRole.Claim();
+  m_socket.Close();
 }
 
 void* SyslogForwarder::Run(void* arg) {
-  static_cast<SyslogForwarder*>(arg)->Loop();
+  SyslogForwarder* forwarder = static_cast<SyslogForwarder*>(arg);
+  forwarder->m_threadRole.Claim();
+  forwarder->Loop();
   return nullptr;
 }
 
 void SyslogForwarder::DisableNotify() {
-  ACE_Guard<ACE_Thread_Mutex> guard(m_NotifyLock);
-  m_bNotifyOff = true;
+  toviport::MutexLock guard(m_notifyLock);
+  if (!guard) return;
+  m_notifyOff = true;
 }
 
 void SyslogForwarder::Notify(const std::string& line) {
-  ACE_Guard<ACE_Thread_Mutex> guard(m_NotifyLock);
-  if (!m_bNotifyOff && m_Notify) m_Notify(line);
+  toviport::MutexLock guard(m_notifyLock);
+  if (!guard) return;
+  if (!m_notifyOff && m_notify) m_notify(line);
 }
 
 bool SyslogForwarder::Connect() {
-  const toviport::CollectorSocket::OpenResult opened = m_Socket.Open();
+  m_threadRole.AssertHeld();
+  const toviport::CollectorSocket::OpenResult opened = m_socket.Open();
   if (opened == toviport::CollectorSocket::OpenResult::Open) {
-    m_nBackOffMs = 0;
-    m_strLastError.clear();
+    m_backOffMs = 0;
+    m_lastError.clear();
     return true;
   }
   const std::string error =
       opened == toviport::CollectorSocket::OpenResult::Unresolved
-          ? "cannot resolve syslog collector host \"" + m_Settings.host + "\""
-          : "cannot reach syslog collector " + m_Settings.host + ":" +
-                std::to_string(m_Settings.port);
+          ? "cannot resolve syslog collector host \"" + m_settings.host + "\""
+          : "cannot reach syslog collector " + m_settings.host + ":" +
+                std::to_string(m_settings.port);
   // Said once per kind of failure, not once per attempt.
-  if (error != m_strLastError) Notify(error);
-  m_strLastError = error;
+  if (error != m_lastError) Notify(error);
+  m_lastError = error;
   return false;
 }
 
 bool SyslogForwarder::Send(const std::string& chunk, std::size_t& offset) {
-  if (m_Settings.tcp) {
-    if (m_Socket.PeerClosed()) return false;
+  m_threadRole.AssertHeld();
+  if (m_settings.tcp) {
+    if (m_socket.PeerClosed()) return false;
     std::size_t sent = 0;
-    const bool whole = m_Socket.SendStream(chunk.data() + offset, chunk.size() - offset, sent);
+    const bool whole = m_socket.SendStream(chunk.data() + offset, chunk.size() - offset, sent);
     // A frame cut by the failure goes again, whole, on the next connection.
     const std::size_t reached = offset + sent;
     for (std::size_t begin, length, next; offset < reached;) {
@@ -165,69 +176,82 @@ bool SyslogForwarder::Send(const std::string& chunk, std::size_t& offset) {
   for (std::size_t begin, length, next;
        offset < chunk.size() && syslogmessage::NextFrame(chunk, offset, begin, length, next);
        offset = next) {
-    if (!m_Socket.SendDatagram(chunk.data() + begin, length)) return false;
+    if (!m_socket.SendDatagram(chunk.data() + begin, length)) return false;
   }
   return true;
 }
 
 void SyslogForwarder::BackOff() {
-  m_nBackOffMs = m_nBackOffMs == 0 ? kFirstBackOffMs : m_nBackOffMs * 2;
-  if (m_nBackOffMs > kLastBackOffMs) m_nBackOffMs = kLastBackOffMs;
-  const int64_t end = toviport::SteadyMs() + m_nBackOffMs;
+  m_threadRole.AssertHeld();
+  m_backOffMs = m_backOffMs == 0 ? kFirstBackOffMs : m_backOffMs * 2;
+  if (m_backOffMs > kLastBackOffMs) m_backOffMs = kLastBackOffMs;
+  const int64_t end = toviport::SteadyMs() + m_backOffMs;
   // New messages do not cut the pause short; only a stop does. The wait's
   // deadline is on the wall clock, so it is taken afresh from the steady one
   // each time: a clock step must neither end the pause nor spin it.
-  ACE_Guard<ACE_Thread_Mutex> guard(m_Lock);
-  for (int64_t left = end - toviport::SteadyMs(); !m_bStopping && left > 0;
+  toviport::MutexLock guard(m_lock);
+  if (!guard) return;
+  for (int64_t left = end - toviport::SteadyMs(); !m_stopping && left > 0;
        left = end - toviport::SteadyMs()) {
     ACE_Time_Value until = toviport::DeadlineAfterMs(static_cast<unsigned>(left));
-    m_Wake.wait(&until);
+    m_wake.Wait(m_lock, &until);
   }
 }
 
+bool SyslogForwarder::TakeNext(Chunk& chunk, uint64_t& dropped) {
+  toviport::MutexLock guard(m_lock);
+  if (!guard) return false;
+  while (m_backlog.empty() && m_dropped == 0 && !m_stopping) m_wake.Wait(m_lock);
+  if (m_stopping && (m_backlog.empty() || toviport::SteadyMs() > m_stopDeadlineMs)) return false;
+  if (!m_backlog.empty()) {
+    chunk = std::move(m_backlog.front());
+    m_backlog.pop_front();
+  }
+  // Room again once half the bound is free, not for every message.
+  if (m_backlogBytes - chunk.framed.size() < m_settings.backlogBytes / 2) {
+    m_accepting.store(true, std::memory_order_relaxed);
+  }
+  dropped = m_dropped;
+  return true;
+}
+
+bool SyslogForwarder::Settle(Chunk& chunk, std::size_t offset, bool sent) {
+  toviport::MutexLock guard(m_lock);
+  if (!guard) return false;
+  if (sent) {
+    m_backlogBytes -= chunk.framed.size();
+  } else if (!chunk.framed.empty()) {
+    // Back at the head, without what went out whole.
+    m_backlogBytes -= offset;
+    chunk.framed.erase(0, offset);
+    m_backlog.push_front(std::move(chunk));
+  }
+  // Stopping: a collector that fails now gets no further tries.
+  return sent || !m_stopping;
+}
+
+void SyslogForwarder::ForgetDropped(uint64_t dropped) {
+  toviport::MutexLock guard(m_lock);
+  if (!guard) return;
+  m_dropped -= dropped;
+}
+
 void SyslogForwarder::Loop() {
+  m_threadRole.AssertHeld();
   for (;;) {
     Chunk chunk;
     uint64_t dropped = 0;
-    {
-      ACE_Guard<ACE_Thread_Mutex> guard(m_Lock);
-      while (m_Backlog.empty() && m_nDropped == 0 && !m_bStopping) m_Wake.wait();
-      if (m_bStopping && (m_Backlog.empty() || toviport::SteadyMs() > m_nStopDeadlineMs)) return;
-      if (!m_Backlog.empty()) {
-        chunk = std::move(m_Backlog.front());
-        m_Backlog.pop_front();
-      }
-      // Room again once half the bound is free, not for every message.
-      if (m_nBacklogBytes - chunk.framed.size() < m_Settings.backlogBytes / 2) {
-        m_bAccepting.store(true, std::memory_order_relaxed);
-      }
-      dropped = m_nDropped;
-    }
+    if (!TakeNext(chunk, dropped)) return;
     std::size_t offset = 0;
     const bool sent = Connect() && Send(chunk.framed, offset);
-    {
-      ACE_Guard<ACE_Thread_Mutex> guard(m_Lock);
-      if (sent) {
-        m_nBacklogBytes -= chunk.framed.size();
-      } else if (!chunk.framed.empty()) {
-        // Back at the head, without what went out whole.
-        m_nBacklogBytes -= offset;
-        chunk.framed.erase(0, offset);
-        m_Backlog.push_front(std::move(chunk));
-      }
-      // Stopping: a collector that fails now gets no further tries.
-      if (!sent && m_bStopping) return;
-    }
+    if (!Settle(chunk, offset, sent)) return;
     if (!sent) {
-      m_Socket.Close();
+      m_socket.Close();
       BackOff();
       continue;
     }
     if (dropped == 0) continue;
-    {
-      ACE_Guard<ACE_Thread_Mutex> guard(m_Lock);
-      m_nDropped -= dropped;
-    }
+    ForgetDropped(dropped);
     // Into the main log file, and from there to the collector in its turn.
     Notify(std::to_string(dropped) + " records dropped while the collector was unreachable");
   }

@@ -17,10 +17,10 @@
 #include <functional>
 #include <string>
 
-#include <ace/Condition_Thread_Mutex.h>
-#include <ace/Thread_Mutex.h>
-
 #include "port/CollectorSocket.h"
+#include "port/Lock.h"
+#include "port/ThreadAnnotations.h"
+#include "port/ThreadRole.h"
 #include "port/ToviPort.h"
 
 class SyslogForwarder {
@@ -47,61 +47,81 @@ public:
   SyslogForwarder(const SyslogForwarder&) = delete;
   SyslogForwarder& operator=(const SyslogForwarder&) = delete;
 
-  int Facility() const { return m_Settings.facility; }
+  int Facility() const { return m_settings.facility; }
 
   // Takes count framed messages (see syslogmessage::AppendFramed) into the
-  // backlog, or drops and counts them when the bound has no room. Waits for
-  // nothing but the backlog's lock.
-  void Submit(std::string& framed, std::size_t count);
+  // backlog, or drops and counts them when the bound has no room; framed is
+  // empty afterwards. Waits for nothing but the backlog's lock.
+  void Submit(std::string& framed, std::size_t count) EXCLUDES(m_lock);
 
   // False while the backlog is full: a writer then need not format its
   // records' messages at all, only count them with Skipped.
-  bool Accepting() const { return m_bAccepting.load(std::memory_order_relaxed); }
-  void Skipped(std::size_t count);
+  bool Accepting() const { return m_accepting.load(std::memory_order_relaxed); }
+  void Skipped(std::size_t count) EXCLUDES(m_lock);
 
   // From here on nothing more goes into the log file; waits for a line
   // that is being written.
-  void DisableNotify();
+  void DisableNotify() EXCLUDES(m_lock, m_notifyLock);
 
   // Sends what it can for about a second, then closes and joins the thread.
-  void Stop();
+  // Calls after the first return at once.
+  void Stop() EXCLUDES(m_lock, m_notifyLock);
 
 private:
+  struct Chunk {
+    std::string framed;
+    std::size_t count = 0;
+  };
+
   static void* Run(void* arg);
-  void Loop();
-  bool Connect();
+  void Loop() EXCLUDES(m_lock, m_notifyLock);
+  // Waits until there is something to send or a count of drops to report,
+  // and takes the backlog's head (if any) and that count. False when the
+  // thread is to end: stopping with nothing left, or past the stop's window.
+  bool TakeNext(Chunk& chunk, uint64_t& dropped) EXCLUDES(m_lock);
+  // Settles the backlog's byte count for a chunk that went out whole, or puts
+  // what is left of it back at the head. False when the thread is to end: a
+  // send failed while stopping.
+  bool Settle(Chunk& chunk, std::size_t offset, bool sent) EXCLUDES(m_lock);
+  // Takes the reported drops off the count.
+  void ForgetDropped(uint64_t dropped) EXCLUDES(m_lock);
+  // The forwarder's thread only, like the functions below.
+  bool Connect() EXCLUDES(m_lock, m_notifyLock);
   // Sends the frames of chunk from offset on; offset ends past the last
   // frame that went out whole.
   bool Send(const std::string& chunk, std::size_t& offset);
   // Sleeps for the current back-off, unless a stop comes first.
-  void BackOff();
-  void Notify(const std::string& line);
+  void BackOff() EXCLUDES(m_lock);
+  // Writes line into the main log file unless DisableNotify came first. That
+  // may wait for room in the main writer's queue, which must never hold up
+  // the backlog: never called with m_lock held.
+  void Notify(const std::string& line) EXCLUDES(m_lock, m_notifyLock);
 
-  const Settings m_Settings;
-  std::function<void(const std::string&)> m_Notify;
-  ACE_Thread_Mutex m_Lock;
-  ACE_Condition_Thread_Mutex m_Wake;
-  struct Chunk {
-    std::string framed;
-    std::size_t count;
-  };
-  std::deque<Chunk> m_Backlog;
-  std::size_t m_nBacklogBytes = 0;
-  uint64_t m_nDropped = 0;
-  std::atomic<bool> m_bAccepting{true};
-  bool m_bStopping = false;
-  // Held while a line goes into the log file, which may wait for room in the
-  // main writer's queue: never held with m_Lock.
-  ACE_Thread_Mutex m_NotifyLock;
-  bool m_bNotifyOff = false;
-  int64_t m_nStopDeadlineMs = 0;
+  const Settings m_settings;
 
-  // The thread's own.
-  toviport::CollectorSocket m_Socket;
-  unsigned m_nBackOffMs = 0;
-  std::string m_strLastError;
-  bool m_bStarted = false;
-  toviport::ThreadHandle m_hThread{};
+  toviport::Mutex m_lock;
+  toviport::Condition m_wake;
+  std::deque<Chunk> m_backlog GUARDED_BY(m_lock);
+  std::size_t m_backlogBytes GUARDED_BY(m_lock) = 0;
+  uint64_t m_dropped GUARDED_BY(m_lock) = 0;
+  bool m_stopping GUARDED_BY(m_lock) = false;
+  int64_t m_stopDeadlineMs GUARDED_BY(m_lock) = 0;
+  std::atomic<bool> m_accepting{true};
+
+  // Held while a line goes into the log file: never taken with m_lock held.
+  toviport::Mutex m_notifyLock;
+  std::function<void(const std::string&)> m_notify GUARDED_BY(m_notifyLock);
+  bool m_notifyOff GUARDED_BY(m_notifyLock) = false;
+
+  // The thread's own; Stop takes them over once the thread has been joined.
+  toviport::ThreadRole m_threadRole;
+  toviport::CollectorSocket m_socket;
+  unsigned m_backOffMs = 0;
+  std::string m_lastError;
+
+  // Set by the constructor, before any writer can reach the forwarder.
+  bool m_started = false;
+  toviport::ThreadHandle m_thread{};
 };
 
 #endif

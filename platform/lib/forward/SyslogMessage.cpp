@@ -6,6 +6,7 @@
 #include <cstring>
 #include <ctime>
 
+#include "logwriter/LogFormat.h"
 #include "logwriter/ToviLogRecord.h"
 #include "port/ToviPort.h"
 
@@ -14,16 +15,6 @@ namespace {
 
 constexpr std::size_t kMaxMsgId = 32;
 const char kCutMark[] = "[cut]";
-
-int Severity(ToviLogLevel level) {
-  switch (level) {
-    case LEVEL_ASSERT: return 2;
-    case LEVEL_ERROR: return 3;
-    case LEVEL_WARN: return 4;
-    case LEVEL_INFO: return 6;
-    default: return 7;
-  }
-}
 
 std::size_t PrefixLength(ToviLogLevel level) {
   switch (level) {
@@ -109,7 +100,7 @@ void AppendFramed(const ToviLogRecord& record, const std::string& asn,
   out.append(5, ' ');
   const std::size_t start = out.size();
   out += '<';
-  out += std::to_string(facility * 8 + Severity(record.m_nLevel));
+  out += std::to_string(facility * 8 + logformat::SyslogSeverity(record.m_nLevel));
   out += ">1 ";
   // "YYYY-MM-DD HH:MM:SS.uuuuuu" becomes "YYYY-MM-DDTHH:MM:SS.uuuuuu+HH:MM".
   out.append(record.m_pTime, 10);

@@ -2,6 +2,7 @@
 #include "logwriter/ConsoleOutput.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 
 #include "logwriter/LogFileSet.h"
@@ -11,6 +12,47 @@
 namespace {
 // How long a batch may wait for a console that has been taking output.
 constexpr unsigned kConsoleWaitMs = 200;
+
+// What the process printed through stdio goes out before the records that
+// follow it, but only if that cannot block: the stream's lock may be held by
+// a thread stuck on the same output, and its buffer (at most a pipe's page)
+// goes out only when there is room for it by deadline.
+void FlushStdioAhead(int64_t deadline) {
+  if (!toviport::TryLockStdout()) return;
+  const std::size_t pending = toviport::StdoutPending();
+  if (pending > 0 && pending <= toviport::ConsoleAtomicWrite() &&
+      toviport::ConsoleWritable(deadline)) {
+    toviport::FlushStdoutLocked();
+  }
+  toviport::UnlockStdout();
+}
+
+// Puts text on the process's standard output, past the stream's buffer,
+// waiting at most waitMs in all for the output to take it: a pipe that
+// nobody reads must not hold the writer. Returns the bytes taken, a prefix
+// of text.
+std::size_t WriteToConsole(const char* text, std::size_t size, unsigned waitMs) {
+  // Pieces no larger than a pipe takes at once: once the output has room, a
+  // write that small never blocks.
+  const int64_t deadline = toviport::SteadyMs() + waitMs;
+  FlushStdioAhead(deadline);
+  const std::size_t maxPiece = toviport::ConsoleAtomicWrite();
+  std::size_t written = 0;
+  while (written < size) {
+    const int64_t left = deadline - toviport::SteadyMs();
+    if (!toviport::ConsoleWritable(deadline)) break;
+    const std::size_t piece = size - written < maxPiece ? size - written : maxPiece;
+    const long n = toviport::ConsoleWriteOnce(text + written, piece);
+    if (n > 0) {
+      written += static_cast<std::size_t>(n);
+    } else if (n < 0 && n != -EINTR && n != -EAGAIN) {
+      break;
+    } else if (left <= 0) {
+      break;
+    }
+  }
+  return written;
+}
 }  // namespace
 
 void ConsoleOutput::Add(const SinkRecord& record) {
@@ -29,7 +71,7 @@ void ConsoleOutput::Add(const SinkRecord& record) {
 void ConsoleOutput::HandOver() {
   if (m_batch.empty()) return;
   const std::size_t taken =
-      toviport::ConsoleWrite(m_batch.data(), m_batch.size(), m_stalled ? 0 : kConsoleWaitMs);
+      WriteToConsole(m_batch.data(), m_batch.size(), m_stalled ? 0 : kConsoleWaitMs);
   const bool stalled = taken < m_batch.size();
   // Records that did not reach the console whole count as not shown.
   const auto shown = std::upper_bound(m_recordEnds.begin(), m_recordEnds.end(), taken);

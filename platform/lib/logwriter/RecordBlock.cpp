@@ -9,9 +9,9 @@
 #include <new>
 #include <vector>
 
-#include <ace/Guard_T.h>
 #include <ace/Malloc_Allocator.h>
-#include <ace/Thread_Mutex.h>
+
+#include "port/Lock.h"
 
 namespace recordblock {
 namespace {
@@ -76,9 +76,9 @@ ACE_Message_Block* NewBlock(std::size_t size) {
 }
 
 struct SharedStore {
-  ACE_Thread_Mutex lock;
-  std::vector<ACE_Message_Block*> blocks[kClasses];
-  std::size_t bytes = 0;
+  toviport::Mutex lock;
+  std::vector<ACE_Message_Block*> blocks[kClasses] GUARDED_BY(lock);
+  std::size_t bytes GUARDED_BY(lock) = 0;
 };
 
 // Never destroyed: threads hand their caches back when they end, which may
@@ -89,9 +89,11 @@ SharedStore& Shared() {
 }
 
 // Moves up to n blocks of class c from the shared store into out; how many.
+// None when the store's lock cannot be had: the caller makes new ones.
 std::size_t TakeShared(int c, ACE_Message_Block** out, std::size_t n) {
   SharedStore& store = Shared();
-  ACE_Guard<ACE_Thread_Mutex> guard(store.lock);
+  toviport::MutexLock guard(store.lock);
+  if (!guard) return 0;
   std::vector<ACE_Message_Block*>& blocks = store.blocks[c];
   std::size_t taken = 0;
   while (taken < n && !blocks.empty()) {
@@ -102,23 +104,30 @@ std::size_t TakeShared(int c, ACE_Message_Block** out, std::size_t n) {
   return taken;
 }
 
-// Hands n blocks of class c to the shared store; those beyond its bound are
-// freed.
-void GiveShared(int c, ACE_Message_Block* const* in, std::size_t n) {
+// Moves as many of the n blocks of class c into the shared store as its
+// bound allows; how many, counted from the front of in.
+std::size_t KeepShared(int c, ACE_Message_Block* const* in, std::size_t n) {
+  SharedStore& store = Shared();
+  toviport::MutexLock guard(store.lock);
+  if (!guard) return 0;
+  std::vector<ACE_Message_Block*>& blocks = store.blocks[c];
   std::size_t kept = 0;
-  {
-    SharedStore& store = Shared();
-    ACE_Guard<ACE_Thread_Mutex> guard(store.lock);
-    std::vector<ACE_Message_Block*>& blocks = store.blocks[c];
-    try {
-      while (kept < n && store.bytes + kBlockSizes[c] <= kSharedCapBytes) {
-        blocks.push_back(in[kept++]);
-        store.bytes += kBlockSizes[c];
-      }
-    } catch (...) {
-      // No room to remember it: the block is freed below instead.
+  try {
+    while (kept < n && store.bytes + kBlockSizes[c] <= kSharedCapBytes) {
+      blocks.push_back(in[kept]);
+      ++kept;
+      store.bytes += kBlockSizes[c];
     }
+  } catch (...) {
+    // No room to remember it: the caller frees the block instead.
   }
+  return kept;
+}
+
+// Hands n blocks of class c to the shared store; those beyond its bound, or
+// all of them when the store's lock cannot be had, are freed.
+void GiveShared(int c, ACE_Message_Block* const* in, std::size_t n) {
+  const std::size_t kept = KeepShared(c, in, n);
   for (std::size_t i = kept; i < n; ++i) in[i]->release();
 }
 

@@ -5,8 +5,9 @@
 // taken (the system refuses); a scoped lock then says so through its bool,
 // and the caller gives up without touching what the lock guards. The
 // analysis cannot see that branch, so it treats a scoped lock as held for
-// its whole scope: code must test the lock before anything else, and
-// LockedCall below does exactly that in one place.
+// its whole scope: code must test the lock before anything else. A class
+// with many locked operations tests it in one helper that runs each
+// operation's body under the lock (SubModuleRegistry::Changing, for one).
 #ifndef TOVI_PORT_LOCK_H
 #define TOVI_PORT_LOCK_H
 

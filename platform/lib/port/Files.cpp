@@ -1,36 +1,21 @@
-// ToviPort.cpp - POSIX implementations of the platform layer.
-#include "port/ToviPort.h"
+// Files.cpp - POSIX implementations of the file calls.
+#include "port/Files.h"
 
 #include <cerrno>
-#include <cstdarg>
 #include <climits>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
 #include <fcntl.h>
-#include <poll.h>
-#include <stdio_ext.h>
-#include <pthread.h>
-#include <sched.h>
 #include <sys/file.h>
 #include <sys/stat.h>
-#include <sys/time.h>
 #include <sys/types.h>
 #include <unistd.h>
 
 #include <ace/OS_NS_dirent.h>
-#include <ace/OS_NS_sys_time.h>
-#include <ace/OS_NS_time.h>
-#include <ace/OS_NS_unistd.h>
-#include <ace/Thread.h>
-#include <ace/Time_Value.h>
 
 namespace toviport {
-
-const char* GetEnv(const char* name) {
-  if (name == nullptr) return nullptr;
-  return std::getenv(name);
-}
 
 bool PathExists(const char* path) {
   if (path == nullptr) return false;
@@ -163,8 +148,6 @@ int RemoveFile(const char* path) {
   return std::remove(path) == 0 ? 0 : errno;
 }
 
-int RunCommand(const char* command) { return std::system(command); }
-
 bool OpenTextInput(std::ifstream& in, const std::string& path) {
   // A directory opens as a stream here but fails every read; refuse it up
   // front so that callers see "cannot open" as they would elsewhere.
@@ -183,140 +166,6 @@ bool ListDirectory(const std::string& dir, std::vector<std::string>& names) {
   }
   ACE_OS::closedir(listing);
   return true;
-}
-
-int64_t CurrentTime() { return static_cast<int64_t>(std::time(nullptr)); }
-
-void CurrentTimeOfDay(int64_t& seconds, long& microseconds) {
-  struct timeval now;
-  ::gettimeofday(&now, nullptr);
-  seconds = static_cast<int64_t>(now.tv_sec);
-  microseconds = static_cast<long>(now.tv_usec);
-}
-
-std::tm LocalTime(int64_t seconds) {
-  std::tm local{};
-  const time_t t = static_cast<time_t>(seconds);
-  ACE_OS::localtime_r(&t, &local);
-  return local;
-}
-
-ACE_Time_Value DeadlineAfterMs(unsigned milliseconds) {
-  ACE_Time_Value wait;
-  wait.msec(static_cast<long>(milliseconds));
-  return ACE_OS::gettimeofday() + wait;
-}
-
-namespace {
-thread_local uint32_t t_threadId __attribute__((tls_model("initial-exec"))) = 0;
-
-// A forked child's only thread inherits the parent thread's remembered id.
-void ForgetThreadIdInChild() { t_threadId = 0; }
-const int g_atforkRegistered = ::pthread_atfork(nullptr, nullptr, ForgetThreadIdInChild);
-}  // namespace
-
-uint32_t CurrentThreadId() {
-  (void)g_atforkRegistered;
-  if (t_threadId == 0) t_threadId = static_cast<uint32_t>(::gettid());
-  return t_threadId;
-}
-
-uint32_t CurrentProcessId() { return static_cast<uint32_t>(::getpid()); }
-
-std::string HostName() {
-  char name[256] = {};
-  if (::gethostname(name, sizeof name - 1) != 0) return std::string();
-  return name;
-}
-
-bool MakeBackgroundThread() {
-  struct sched_param param {};
-  param.sched_priority = 0;
-  return ::sched_setscheduler(0, SCHED_BATCH, &param) == 0;
-}
-
-bool StartThread(ThreadEntry entry, void* arg, ThreadHandle& handle) {
-  return ACE_Thread::spawn(entry, arg, THR_NEW_LWP | THR_JOINABLE, nullptr, &handle, 0) != -1;
-}
-
-void JoinThread(ThreadHandle handle) { ACE_Thread::join(handle, nullptr); }
-
-void SleepMs(unsigned milliseconds) {
-  ACE_Time_Value delay;
-  delay.msec(static_cast<long>(milliseconds));
-  ACE_OS::sleep(delay);
-}
-
-void SleepUs(unsigned microseconds) {
-  ACE_Time_Value delay(0, static_cast<suseconds_t>(microseconds));
-  ACE_OS::sleep(delay);
-}
-
-int WriteToStream(FILE* file, const char* text) {
-  if (file == nullptr || text == nullptr) return EINVAL;
-  return std::fputs(text, file) >= 0 ? 0 : errno;
-}
-
-int ConsolePrintf(const char* format, ...) {
-  va_list args;
-  va_start(args, format);
-  const int n = std::vprintf(format, args);
-  va_end(args);
-  return n;
-}
-
-namespace {
-// Waits until standard output can take at least PIPE_BUF bytes without
-// blocking, or the deadline passes.
-bool StdoutWritable(int64_t deadline) {
-  for (;;) {
-    const int64_t left = deadline - SteadyMs();
-    struct pollfd out {STDOUT_FILENO, POLLOUT, 0};
-    const int ready = ::poll(&out, 1, left > 0 ? static_cast<int>(left) : 0);
-    if (ready < 0 && errno == EINTR) continue;
-    return ready > 0 && (out.revents & POLLOUT) != 0;
-  }
-}
-
-// What the process printed through stdio goes out before the records that
-// follow it, but only if that cannot block: the stream's lock may be held by
-// a thread stuck on the same output, and its buffer (at most a pipe's page)
-// goes out only when there is room for it.
-void FlushStdioAhead(int64_t deadline) {
-  if (::ftrylockfile(stdout) != 0) return;
-  if (__fpending(stdout) > 0 && __fpending(stdout) <= PIPE_BUF && StdoutWritable(deadline)) {
-    ::fflush_unlocked(stdout);
-  }
-  ::funlockfile(stdout);
-}
-}  // namespace
-
-std::size_t ConsoleWrite(const char* text, std::size_t size, unsigned waitMs) {
-  // Pieces of at most PIPE_BUF: once poll says a pipe has room, a write that
-  // small never blocks.
-  const int64_t deadline = SteadyMs() + waitMs;
-  FlushStdioAhead(deadline);
-  std::size_t written = 0;
-  while (written < size) {
-    const int64_t left = deadline - SteadyMs();
-    if (!StdoutWritable(deadline)) break;
-    const std::size_t piece = size - written < PIPE_BUF ? size - written : PIPE_BUF;
-    const ssize_t n = ::write(STDOUT_FILENO, text + written, piece);
-    if (n > 0) {
-      written += static_cast<std::size_t>(n);
-    } else if (n < 0 && errno != EINTR && errno != EAGAIN) {
-      break;
-    } else if (left <= 0) {
-      break;
-    }
-  }
-  return written;
-}
-
-int64_t SteadyMs() {
-  struct timespec now;
-  ::clock_gettime(CLOCK_MONOTONIC, &now);
-  return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
 }
 
 }  // namespace toviport

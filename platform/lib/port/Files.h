@@ -1,0 +1,91 @@
+// Files.h - files and directories: existence, creation, the advisory lock
+// of a log file, reading and writing, renaming and removal, listings.
+#ifndef TOVI_PORT_FILES_H
+#define TOVI_PORT_FILES_H
+
+#include <cstddef>
+#include <cstdint>
+#include <fstream>
+#include <string>
+#include <vector>
+
+namespace toviport {
+
+// True when something of that name exists (file, directory or other).
+bool PathExists(const char* path);
+
+// Creates the directory and every missing parent with the system's own
+// calls. Components that exist already, or that another creator makes at the
+// same moment, are fine. 0 when the directory exists afterwards.
+int MakeDirTree(const char* path);
+
+struct FileStatus {
+  bool isRegular = false;
+  bool isDirectory = false;
+  int64_t size = 0;
+};
+// Status of a path, following symbolic links; false when it cannot be read.
+bool GetFileStatus(const char* path, FileStatus& status);
+
+// The absolute, resolved form of a directory, ending in "/". When it cannot
+// be formed (the directory is gone, say) the path comes back unchanged.
+std::string FullDirPath(const std::string& dir);
+
+// The longest name of one entry that the file system holding dir takes. A
+// directory that cannot be asked (not made yet, say) is answered for by its
+// nearest ancestor that can; 255 when none can.
+long MaxNameLength(const std::string& dir);
+
+// Creates a new, empty file and never touches an existing one: Exists when
+// something of that name is there already, Failed for every other reason.
+// On Created, fd holds the file opened for writing; on Failed, error says
+// why.
+enum class CreateResult { Created, Exists, Failed };
+CreateResult CreateNewFile(const std::string& path, int& fd, int* error = nullptr);
+
+// Writes all of data, going on after short writes and interruptions; 0, or
+// the errno of the first failure. written says how much got through.
+int WriteAll(int fd, const char* data, std::size_t size, std::size_t& written);
+
+void CloseFile(int fd);
+
+// The advisory lock that a writer holds on its open log file, so that no
+// other writer of the same prefix compresses or removes it. Taken without
+// waiting: Busy when another holder has it, Failed when the file system
+// offers no such lock.
+enum class LockResult { Locked, Busy, Failed };
+LockResult LockOpenFile(int fd);
+
+// Opens an existing file for reading and takes its lock: Locked (fd holds
+// it), Busy when a live writer or a compressor holds it, Failed otherwise
+// (gone, say, or not lockable).
+LockResult OpenLocked(const std::string& path, int& fd);
+
+// read() that goes on after interruptions: bytes read, 0 at the end, minus
+// the errno on error.
+long ReadSome(int fd, char* buffer, std::size_t size);
+
+// Renames within one file system, replacing a file of the new name.
+int RenameFile(const char* from, const char* to);
+
+// Cuts an open file back to size bytes and places the file offset there, so
+// that the next write continues at the cut.
+int CutFile(int fd, int64_t size);
+
+// How many directory entries name the open file: 0 once it has been removed
+// (with its directory, say), -1 when it cannot be read.
+int OpenFileLinks(int fd);
+
+// Removes a file (or an empty directory in its place).
+int RemoveFile(const char* path);
+
+// Opens a text file for reading; a directory or an unopenable path fails.
+bool OpenTextInput(std::ifstream& in, const std::string& path);
+
+// The names in a directory, "." and ".." left out; false when it cannot be
+// listed.
+bool ListDirectory(const std::string& dir, std::vector<std::string>& names);
+
+}  // namespace toviport
+
+#endif
