@@ -16,24 +16,11 @@ namespace {
 constexpr std::size_t kMaxMsgId = 32;
 const char kCutMark[] = "[cut]";
 
-std::size_t PrefixLength(ToviLogLevel level) {
-  switch (level) {
-    case LEVEL_ASSERT: return 8;  // "ASSERT: "
-    case LEVEL_ERROR: return 7;
-    case LEVEL_WARN:
-    case LEVEL_INFO: return 6;
-    default: return 0;
-  }
-}
-
+// The level as the structured data names it: its name, or its number for
+// levels that have none.
 std::string LevelName(ToviLogLevel level) {
-  switch (level) {
-    case LEVEL_ASSERT: return "ASSERT";
-    case LEVEL_ERROR: return "ERROR";
-    case LEVEL_WARN: return "WARN";
-    case LEVEL_INFO: return "INFO";
-    default: return std::to_string(static_cast<int>(level));
-  }
+  if (logformat::IsNamedLevel(level)) return std::string(logformat::kLevels[level].name);
+  return std::to_string(static_cast<int>(level));
 }
 
 // "+HH:MM" of the local zone now; asked again only when the second changes.
@@ -116,7 +103,7 @@ void AppendFramed(const ToviLogRecord& record, const std::string& asn,
   out += "\" level=\"";
   out += LevelName(record.m_nLevel);
   out += "\"] ";
-  const std::size_t skip = record.m_nSubModuleLen + 1 + PrefixLength(record.m_nLevel);
+  const std::size_t skip = record.m_nSubModuleLen + 1 + logformat::LevelPrefix(record.m_nLevel).size();
   if (skip < textLen) out.append(text + skip, textLen - skip);
   if (!asn.empty()) {
     if (out.back() != '\n') out += '\n';
