@@ -3,7 +3,9 @@
 // nobody reads, a directory removed under a running writer, and a file-size
 // limit. What matters in each case is that no thread hangs, no record is lost
 // or written twice without being accounted for, and nothing leaks.
+#include <sys/mount.h>
 #include <sys/resource.h>
+#include <sys/wait.h>
 
 #include <csignal>
 
@@ -187,4 +189,89 @@ TEST(LogWriterFault, RemovedDirectoryIsNoticedRecreatedAndCounted) {
 TEST(LogWriterFault, FailedWritesMoveOnToANewFileWithoutLoss) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_EXIT(std::exit(WriteUnderAFileSizeLimit(64 * 1024)), ::testing::ExitedWithCode(0), "");
+}
+
+// What a forked child wrote to its standard output and standard error, and
+// how it ended. The child's stderr is a pipe that nobody reads while it runs
+// when fillErr is set, else one read after it ends.
+struct ChildRun {
+  std::string out, err;
+  int status = -1;
+};
+static ChildRun RunChild(const std::function<int()>& body, bool fillErr = false) {
+  int out[2], err[2];
+  if (::pipe(out) != 0 || ::pipe(err) != 0) return {};
+  const pid_t pid = ::fork();
+  if (pid == 0) {
+    ::dup2(out[1], 1), ::dup2(err[1], 2);
+    if (fillErr) {
+      ::fcntl(2, F_SETFL, O_NONBLOCK);
+      while (::write(2, "x", 1) == 1) {}
+      ::fcntl(2, F_SETFL, 0);
+    }
+    ::_exit(body());
+  }
+  ::close(out[1]), ::close(err[1]);
+  ChildRun run;
+  ::waitpid(pid, &run.status, 0);
+  char buf[4096];
+  for (int fd : {out[0], err[0]}) {
+    ::fcntl(fd, F_SETFL, O_NONBLOCK);
+    for (ssize_t n; (n = ::read(fd, buf, sizeof buf)) > 0;) (fd == out[0] ? run.out : run.err).append(buf, n);
+    ::close(fd);
+  }
+  return run;
+}
+
+// A log directory that cannot be used is said on standard error, once per
+// kind of failure, whatever the retries; stdout gets nothing; a directory
+// that becomes usable is said too, and its records arrive; a writer that
+// stops without a file says what it could not write; and a full stderr pipe
+// holds neither the writer nor its stop.
+TEST(LogWriterFault, UnusableDirectoryIsSaidOnceOnStandardError) {
+  TempDir dir;
+  const std::string lead = "tovibaseutil: cannot create log files in ";
+  const std::string wait = "; records wait up to about 10 MB, then are counted as dropped\n";
+  const auto traceThrough = [](const std::string& logDir, int records, const std::function<void()>& meanwhile) {
+    auto writer = NewWriter(logDir, "u", "", 0);
+    for (int i = 0; i < records; ++i) Log(*writer, "r" + std::to_string(i));
+    meanwhile();
+    return Seconds([&] { writer.reset(); }) < kHangBound ? 0 : 1;
+  };
+  const auto pause = [] { std::this_thread::sleep_for(std::chrono::milliseconds(2500)); };
+
+  WriteFile(dir / "afile", "");
+  ChildRun run = RunChild([&] { return traceThrough(dir / "afile", 3, pause); });
+  EXPECT_EQ(run.status, 0);
+  EXPECT_EQ(run.out, "");
+  EXPECT_EQ(run.err, lead + dir / "afile/: Not a directory" + wait + "tovibaseutil: stopped with no log file in " +
+                         dir / "afile/; 3 record(s) could not be written\n");
+
+  // Not writable: root is refused by a read-only mount where others are
+  // refused by the mode.
+  const std::string ro = dir / "ro";
+  std::filesystem::create_directories(ro);
+  const bool mounted = ::geteuid() == 0 && ::mount("tmpfs", ro.c_str(), "tmpfs", MS_RDONLY, "size=64k") == 0;
+  if (!mounted) ::chmod(ro.c_str(), 0555);
+  run = RunChild([&] { return traceThrough(ro, 1, pause); });
+  if (mounted) ::umount(ro.c_str());
+  EXPECT_EQ(run.err, lead + ro + "/: " + std::strerror(mounted ? EROFS : EACCES) + wait +
+                         "tovibaseutil: stopped with no log file in " + ro + "/; 1 record(s) could not be written\n");
+
+  // Usable after a second: the records wait and then arrive.
+  WriteFile(dir / "late", "");
+  run = RunChild([&] {
+    return traceThrough(dir / "late/logs", 5, [&] {
+      std::this_thread::sleep_for(std::chrono::milliseconds(1200));
+      std::filesystem::remove(dir / "late");
+      WaitUntil([&] { return !ListDir(dir / "late/logs").empty(); });
+    });
+  });
+  EXPECT_EQ(run.out, "");
+  EXPECT_EQ(run.err, lead + dir / "late/logs/: Not a directory" + wait + "tovibaseutil: log files in " +
+                         dir / "late/logs/ can be written again; 0 record(s) were dropped meanwhile\n");
+  ExpectRecords(OnlyLog(dir / "late/logs"), {"r0", "r1", "r2", "r3", "r4"});
+
+  run = RunChild([&] { return traceThrough(dir / "afile", 3, pause); }, true);
+  EXPECT_EQ(run.status, 0) << "the stop waited for a full stderr pipe";
 }

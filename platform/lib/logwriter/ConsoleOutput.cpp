@@ -21,28 +21,26 @@ void FlushStdioAhead(int64_t deadline) {
   if (!toviport::TryLockStdout()) return;
   const std::size_t pending = toviport::StdoutPending();
   if (pending > 0 && pending <= toviport::ConsoleAtomicWrite() &&
-      toviport::ConsoleWritable(deadline)) {
+      toviport::ConsoleWritable(toviport::Console::kOut, deadline)) {
     toviport::FlushStdoutLocked();
   }
   toviport::UnlockStdout();
 }
+}  // namespace
 
-// Puts text on the process's standard output, past the stream's buffer,
-// waiting at most waitMs in all for the output to take it: a pipe that
-// nobody reads must not hold the writer. Returns the bytes taken, a prefix
-// of text.
-std::size_t WriteToConsole(const char* text, std::size_t size, unsigned waitMs) {
+std::size_t ConsoleOutput::WriteBounded(toviport::Console console, const char* text,
+                                        std::size_t size, unsigned waitMs) {
   // Pieces no larger than a pipe takes at once: once the output has room, a
   // write that small never blocks.
   const int64_t deadline = toviport::SteadyMs() + waitMs;
-  FlushStdioAhead(deadline);
+  if (console == toviport::Console::kOut) FlushStdioAhead(deadline);
   const std::size_t maxPiece = toviport::ConsoleAtomicWrite();
   std::size_t written = 0;
   while (written < size) {
     const int64_t left = deadline - toviport::SteadyMs();
-    if (!toviport::ConsoleWritable(deadline)) break;
+    if (!toviport::ConsoleWritable(console, deadline)) break;
     const std::size_t piece = size - written < maxPiece ? size - written : maxPiece;
-    const long n = toviport::ConsoleWriteOnce(text + written, piece);
+    const long n = toviport::ConsoleWriteOnce(console, text + written, piece);
     if (n > 0) {
       written += static_cast<std::size_t>(n);
     } else if (n < 0 && n != -EINTR && n != -EAGAIN) {
@@ -53,7 +51,6 @@ std::size_t WriteToConsole(const char* text, std::size_t size, unsigned waitMs) 
   }
   return written;
 }
-}  // namespace
 
 void ConsoleOutput::Add(const SinkRecord& record) {
   if (!record.toConsole) return;
@@ -71,7 +68,8 @@ void ConsoleOutput::Add(const SinkRecord& record) {
 void ConsoleOutput::HandOver() {
   if (m_batch.empty()) return;
   const std::size_t taken =
-      WriteToConsole(m_batch.data(), m_batch.size(), m_stalled ? 0 : kConsoleWaitMs);
+      WriteBounded(toviport::Console::kOut, m_batch.data(), m_batch.size(),
+                   m_stalled ? 0 : kConsoleWaitMs);
   const bool stalled = taken < m_batch.size();
   // Records that did not reach the console whole count as not shown.
   const auto shown = std::upper_bound(m_recordEnds.begin(), m_recordEnds.end(), taken);

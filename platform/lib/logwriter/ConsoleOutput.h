@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "logwriter/RecordSink.h"
+#include "port/Process.h"
 
 class LogFileSet;
 
@@ -34,6 +35,13 @@ public:
   void HandOver() override;
   // Says in the file how many records were not shown, if any.
   void ReportDrops();
+
+  // Puts text on console, past its stdio stream (standard output's pending
+  // bytes go first when that cannot block), waiting at most waitMs in all
+  // for it to take the text: a pipe that nobody reads must not hold the
+  // writer. Returns the bytes taken, a prefix of text.
+  static std::size_t WriteBounded(toviport::Console console, const char* text, std::size_t size,
+                                  unsigned waitMs);
 
 private:
   LogFileSet& m_files;

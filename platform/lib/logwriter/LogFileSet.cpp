@@ -64,11 +64,14 @@ bool LogFileSet::Create() {
   for (int attempt = 0; attempt < kNameAttempts; ++attempt, ++nameTime) {
     char stamp[32];
     const std::tm local = toviport::LocalTime(nameTime);
-    if (std::strftime(stamp, sizeof stamp, "%Y%m%d_%H%M%S", &local) == 0) return false;
+    if (std::strftime(stamp, sizeof stamp, "%Y%m%d_%H%M%S", &local) == 0) {
+      m_createError = EINVAL;
+      return false;
+    }
     m_path = m_settings.dir + m_settings.prefix + stamp + logfilenames::kPlainSuffix;
     if (toviport::PathExists((m_path + logfilenames::kArchiveSuffix).c_str())) continue;
 
-    const toviport::CreateResult made = toviport::CreateNewFile(m_path, fd);
+    const toviport::CreateResult made = toviport::CreateNewFile(m_path, fd, &m_createError);
     if (made == toviport::CreateResult::Exists) continue;
     if (made == toviport::CreateResult::Failed) return false;
     // Held while the file is open: no writer of the same prefix compresses
@@ -83,7 +86,10 @@ bool LogFileSet::Create() {
     named = true;
     break;
   }
-  if (!named) return false;
+  if (!named) {
+    m_createError = EEXIST;  // every name of the hour is taken
+    return false;
+  }
 
   m_fd = fd;
   m_lastNameTime = nameTime;
@@ -109,6 +115,7 @@ bool LogFileSet::Create() {
   WriteText(m_settings.header.c_str());
   if (!Flush()) {
     // Not even the head fits (a full disk): no headless file stays behind.
+    m_createError = m_writeError;
     Abandon();
     return false;
   }
@@ -221,10 +228,10 @@ bool LogFileSet::SleepUnlessStopped(unsigned milliseconds) {
 
 bool LogFileSet::OpenUntilStopped() {
   while (!Create()) {
-    m_events.FileStalled(true);
+    m_events.FileStalled(m_createError, true);
     if (!SleepUnlessStopped(kRetryMs)) return false;
   }
-  m_events.FileStalled(false);
+  m_events.FileWritable();
   return true;
 }
 
@@ -256,7 +263,7 @@ bool LogFileSet::RecoverFromFailedWrite() {
   m_batchRecords = 0;
   // A file-size limit leaves room in a new file at once; a full disk or an
   // I/O error gets a pause first.
-  if (!sizeLimit) m_events.FileStalled(true);
+  if (!sizeLimit) m_events.FileStalled(m_writeError, false);
   if ((sizeLimit || SleepUnlessStopped(kRetryMs)) && OpenUntilStopped()) {
     Write(carried.data(), carried.size());
     m_batchRecords = carriedRecords;

@@ -23,8 +23,11 @@ class LogArchive;
 // counted where the writer keeps such counts.
 class FileSetEvents {
 public:
-  // True while no file can be created or written, false once one can.
-  virtual void FileStalled(bool stalled) = 0;
+  // No file could be created (creating) or written, for error (an errno
+  // value); said on every failed attempt while the writer retries.
+  virtual void FileStalled(int error, bool creating) = 0;
+  // A file is open and takes records (again).
+  virtual void FileWritable() = 0;
   // Records that were accepted but will never reach a file.
   virtual void RecordsDropped(uint64_t records) = 0;
 
@@ -79,6 +82,7 @@ public:
   bool SleepUnlessStopped(unsigned milliseconds);
 
 private:
+  // False with m_createError set when no file could be made.
   bool Create();
   bool RollOver();
   // Closes the open file without a closing line; removes it if it is empty.
@@ -110,6 +114,8 @@ private:
   // The last write failed (with m_writeError); the batch still waits.
   bool m_failed = false;
   int m_writeError = 0;
+  // Why the last Create failed.
+  int m_createError = 0;
   // Records handed to the kernel since the file was last seen to have a
   // name, and when that was.
   uint64_t m_recordsSinceCheck = 0;

@@ -115,11 +115,12 @@ void RecordQueue::DiscardUnusedEndMarker() {
   if (m_output.dequeue_head(head, &now_or_never) != -1) recordblock::Release(head);
 }
 
-bool RecordQueue::Clear(RecordBatchQueue& queue) {
+bool RecordQueue::Clear(RecordBatchQueue& queue, std::size_t& records) {
   while (queue.message_count() > 0) {
     ACE_Message_Block* block = nullptr;
     ACE_Time_Value now_or_never = ACE_Time_Value::zero;
     if (queue.dequeue_head(block, &now_or_never) == -1) return false;
+    if (!recordblock::RecordIn(block)->IsEndMarker()) ++records;
     recordblock::Release(block);
   }
   return true;

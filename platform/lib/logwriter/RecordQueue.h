@@ -49,19 +49,24 @@ public:
   // Records that had to be dropped, counted until a file can say so.
   void CountDropped(uint64_t records) { m_dropped.fetch_add(records, std::memory_order_relaxed); }
   uint64_t TakeDropped();
+  uint64_t DroppedSoFar() const { return m_dropped.load(std::memory_order_relaxed); }
 
   // The stop sequence, once the writer thread has ended. Clear* drop what is
   // left; false when a record could not be taken.
   void DiscardUnusedEndMarker();
-  bool ClearOutput() { return Clear(m_output); }
-  bool ClearHeldBack() { return Clear(m_heldBack); }
+  // records counts what was dropped, end markers aside.
+  bool ClearOutput(std::size_t& records) { return Clear(m_output, records); }
+  bool ClearHeldBack() {
+    std::size_t records = 0;
+    return Clear(m_heldBack, records);
+  }
 
   std::size_t OutputCount() { return m_output.message_count(); }
   std::size_t HeldBackCount() { return m_heldBack.message_count(); }
 
 private:
   bool EnqueueOutput(ACE_Message_Block* block);
-  static bool Clear(RecordBatchQueue& queue);
+  static bool Clear(RecordBatchQueue& queue, std::size_t& records);
 
   RecordBatchQueue m_output;
   RecordBatchQueue m_heldBack;

@@ -96,7 +96,8 @@ ToviLogWriter::ToviLogWriter(const LogWriterOptions& options)
       m_queue(options.heldBackRecords),
       m_archive(m_logPath, options.prefix, options.archivesKept),
       m_files(FileSettings(options, m_logPath), *this, m_archive, m_stopRequested),
-      m_console(m_files) {
+      m_console(m_files),
+      m_notice(m_logPath) {
   m_sinks.Attach(SinkChain::kFile, &m_files);
   m_sinks.Attach(SinkChain::kConsole, &m_console);
   // Joinable, so that the stop sequence returns the moment the thread has
@@ -108,6 +109,16 @@ bool ToviLogWriter::AttachSink(std::unique_ptr<RecordSink> sink) {
   if (!m_sinks.Attach(SinkChain::kForward, sink.get())) return false;
   sink.release();  // the chain's now, freed by the stop sequence
   return true;
+}
+
+void ToviLogWriter::FileStalled(int error, bool creating) {
+  m_queue.SetWriterStalled(true);
+  m_notice.Failed(error, creating);
+}
+
+void ToviLogWriter::FileWritable() {
+  m_queue.SetWriterStalled(false);
+  m_notice.Recovered(m_queue.DroppedSoFar());
 }
 
 void* ToviLogWriter::OutputThread(void* arg) {
@@ -276,12 +287,16 @@ ToviLogWriter::~ToviLogWriter() {
 
       // Drops counted after the thread's last word (producers that gave up
       // on a writer without a file).
-      m_files.ReportDropped(m_queue.TakeDropped());
+      const uint64_t dropped = m_queue.TakeDropped();
+      m_files.ReportDropped(dropped);
       WriteStopLine(logformat::kStopClearHeldBack, m_queue.HeldBackCount(), true);
       if (!m_queue.ClearHeldBack()) WriteLine(m_files, logformat::kHeldBackClearFailed);
       WriteStopLine(logformat::kStopClearOutput, m_queue.OutputCount(), true);
-      if (!m_queue.ClearOutput()) WriteLine(m_files, logformat::kOutputClearFailed);
+      std::size_t unwritten = 0;
+      if (!m_queue.ClearOutput(unwritten)) WriteLine(m_files, logformat::kOutputClearFailed);
       WriteStopLine(logformat::kStopCleared, 0, false);
+      // Without a file none of that reached anyone who looks in the files.
+      if (!m_files.IsOpen()) m_notice.Stopped(dropped + unwritten);
     } catch (...) {
       // A destructor must not throw; the file is still closed below.
     }

@@ -30,6 +30,7 @@
 #include "logwriter/LogFileSet.h"
 #include "logwriter/RecordQueue.h"
 #include "logwriter/RecordSink.h"
+#include "logwriter/UnwritableNotice.h"
 #include "port/ThreadRole.h"
 #include "port/ToviPort.h"
 
@@ -85,7 +86,8 @@ private:
   void WriteStopLine(std::string_view what, std::size_t count, bool counted);
 
   // FileSetEvents: what the file set says goes to the producers' side.
-  void FileStalled(bool stalled) override { m_queue.SetWriterStalled(stalled); }
+  void FileStalled(int error, bool creating) override;
+  void FileWritable() override;
   void RecordsDropped(uint64_t records) override { m_queue.CountDropped(records); }
 
   const LogWriterOptions m_options;
@@ -96,6 +98,7 @@ private:
   LogFileSet m_files;
   ConsoleOutput m_console;
   SinkChain m_sinks;
+  UnwritableNotice m_notice;
   // The state above that the writer thread alone touches while it runs; the
   // stop sequence takes the role over once that thread has ended.
   toviport::ThreadRole m_writerRole;

@@ -45,18 +45,22 @@ int ConsolePrintf(const char* format, ...) {
 
 std::size_t ConsoleAtomicWrite() { return PIPE_BUF; }
 
-bool ConsoleWritable(int64_t deadline) {
+namespace {
+int FdOf(Console console) { return console == Console::kOut ? STDOUT_FILENO : STDERR_FILENO; }
+}  // namespace
+
+bool ConsoleWritable(Console console, int64_t deadline) {
   for (;;) {
     const int64_t left = deadline - SteadyMs();
-    struct pollfd out {STDOUT_FILENO, POLLOUT, 0};
+    struct pollfd out {FdOf(console), POLLOUT, 0};
     const int ready = ::poll(&out, 1, left > 0 ? static_cast<int>(left) : 0);
     if (ready < 0 && errno == EINTR) continue;
     return ready > 0 && (out.revents & POLLOUT) != 0;
   }
 }
 
-long ConsoleWriteOnce(const char* text, std::size_t size) {
-  const ssize_t n = ::write(STDOUT_FILENO, text, size);
+long ConsoleWriteOnce(Console console, const char* text, std::size_t size) {
+  const ssize_t n = ::write(FdOf(console), text, size);
   return n >= 0 ? static_cast<long>(n) : -static_cast<long>(errno);
 }
 

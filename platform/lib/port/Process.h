@@ -27,19 +27,21 @@ int WriteToStream(FILE* file, const char* text);
 // printf on the process's standard output.
 int ConsolePrintf(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
-// The process's standard output below its stdio stream. These never wait
-// longer than they are told to; how long to wait is the caller's choice.
+// The process's standard output and standard error below their stdio
+// streams. These never wait longer than they are told to; how long to wait
+// is the caller's choice.
+enum class Console { kOut, kError };
 //
 // The most bytes a pipe takes in one write without splitting it: once a
 // pipe has room, a write no larger than this never blocks.
 std::size_t ConsoleAtomicWrite();
-// Waits until standard output can take ConsoleAtomicWrite() bytes without
+// Waits until the stream can take ConsoleAtomicWrite() bytes without
 // blocking, or until deadline on the SteadyMs clock; true when it can. A
 // deadline already past asks once, without waiting.
-bool ConsoleWritable(int64_t deadline);
-// One write of at most size bytes to standard output, bypassing the stdio
-// stream: the bytes taken, or minus the errno (EINTR and EAGAIN included).
-long ConsoleWriteOnce(const char* text, std::size_t size);
+bool ConsoleWritable(Console console, int64_t deadline);
+// One write of at most size bytes, bypassing the stdio stream: the bytes
+// taken, or minus the errno (EINTR and EAGAIN included).
+long ConsoleWriteOnce(Console console, const char* text, std::size_t size);
 
 // Standard output's stdio stream, taken for the caller without waiting:
 // false when another thread holds it. Every true is followed by one
