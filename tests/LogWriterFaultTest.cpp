@@ -153,34 +153,47 @@ TEST(LogWriterFault, AStalledConsoleHoldsNeitherTheFileNorTheStop) {
   EXPECT_EQ(Occurrences(text, notShown), 1u) << text.substr(text.size() - 300);
 }
 
-// The log directory and its parent removed under a running writer: within
-// about a second it has a new tree and file, says how many records may have
-// gone into the removed file, and loses no record after that.
-TEST(LogWriterFault, RemovedDirectoryIsNoticedRecreatedAndCounted) {
+// The log directory taken from under a running writer: removed with its
+// parent, moved away whole, or removed while its file has a second link
+// that keeps the file alive. Within about a second the writer has a new
+// file at its path (and the tree, when it was gone), says how many records
+// may have gone into the old file, and loses no record after that.
+TEST(LogWriterFault, RemovedOrMovedDirectoryIsNoticedRecreatedAndCounted) {
   TempDir dir;
   const std::string logDir = dir / "a/logs/";
-  auto writer = NewWriter(logDir, "rm", "", 0);
-  EXPECT_TRUE(Log(*writer, "before"));
-  ASSERT_TRUE(WaitUntil([&] { return Occurrences(OnlyLog(logDir), kTag + "before\n") == 1; }));
-  std::filesystem::remove_all(dir / "a");
-  std::vector<std::string> want;
-  for (int i = 0; i < 300; ++i) {
-    want.push_back("after-" + std::to_string(i));
-    EXPECT_TRUE(Log(*writer, want.back()));
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
-  writer.reset();
+  const std::vector<std::function<void()>> takeAway = {
+      [&] { std::filesystem::remove_all(dir / "a"); },
+      [&] { std::filesystem::rename(dir / "a", dir / "moved"); },
+      [&] {
+        std::filesystem::create_hard_link(logDir + ListDir(logDir).at(0), dir / "kept.log");
+        std::filesystem::remove_all(dir / "a");
+      }};
+  for (std::size_t way = 0; way < takeAway.size(); ++way) {
+    SCOPED_TRACE(way);
+    auto writer = NewWriter(logDir, "rm", "", 0);
+    EXPECT_TRUE(Log(*writer, "before"));
+    ASSERT_TRUE(WaitUntil([&] { return Occurrences(OnlyLog(logDir), kTag + "before\n") == 1; }));
+    takeAway[way]();
+    std::vector<std::string> want;
+    for (int i = 0; i < 300; ++i) {
+      want.push_back("after-" + std::to_string(i));
+      EXPECT_TRUE(Log(*writer, want.back()));
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    writer.reset();
 
-  const std::string text = OnlyLog(logDir);
-  const std::size_t lost = want.size() - RecordTexts(text).size();
-  ASSERT_LT(lost, want.size());
-  ExpectRecords(text, std::vector<std::string>(want.begin() + lost, want.end()));
-  const std::size_t counted = text.find(" record(s) may be lost: the log file was removed");
-  ASSERT_NE(counted, std::string::npos) << text.substr(0, 400);
-  const std::size_t lineStart = text.rfind('\n', counted) + 1;
-  // The count may include what was written just before the removal.
-  const std::size_t unsure = std::stoul(text.substr(lineStart, counted - lineStart));
-  EXPECT_TRUE(unsure == lost || unsure == lost + 1) << unsure << " for " << lost;
+    const std::string text = OnlyLog(logDir);
+    const std::size_t lost = want.size() - RecordTexts(text).size();
+    ASSERT_LT(lost, want.size());
+    ExpectRecords(text, std::vector<std::string>(want.begin() + lost, want.end()));
+    const std::size_t counted = text.find(" record(s) may be lost: the log file was removed");
+    ASSERT_NE(counted, std::string::npos) << text.substr(0, 400);
+    const std::size_t lineStart = text.rfind('\n', counted) + 1;
+    // The count may include what was written just before the removal.
+    const std::size_t unsure = std::stoul(text.substr(lineStart, counted - lineStart));
+    EXPECT_TRUE(unsure == lost || unsure == lost + 1) << unsure << " for " << lost;
+    std::filesystem::remove_all(dir / "a");
+  }
 }
 
 // Writes that fail for a file-size limit: each file is cut back to its last

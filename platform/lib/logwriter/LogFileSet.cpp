@@ -283,7 +283,7 @@ bool LogFileSet::ReplaceIfRemoved() {
   const int64_t now = toviport::SteadyMs();
   if (now - m_lastLinkCheckMs < kLinkCheckMs) return true;
   m_lastLinkCheckMs = now;
-  if (toviport::OpenFileLinks(m_fd) != 0) {
+  if (toviport::PathNamesOpenFile(m_path, m_fd)) {
     m_recordsSinceCheck = 0;
     return true;
   }

@@ -137,10 +137,12 @@ int CutFile(int fd, int64_t size) {
   return ::lseek(fd, static_cast<off_t>(size), SEEK_SET) == static_cast<off_t>(size) ? 0 : errno;
 }
 
-int OpenFileLinks(int fd) {
-  struct stat st;
-  if (::fstat(fd, &st) != 0) return -1;
-  return static_cast<int>(st.st_nlink);
+bool PathNamesOpenFile(const std::string& path, int fd) {
+  struct stat open;
+  if (::fstat(fd, &open) != 0) return true;
+  struct stat named;
+  if (::stat(path.c_str(), &named) != 0) return false;
+  return named.st_dev == open.st_dev && named.st_ino == open.st_ino;
 }
 
 int RemoveFile(const char* path) {

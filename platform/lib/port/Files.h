@@ -72,9 +72,12 @@ int RenameFile(const char* from, const char* to);
 // that the next write continues at the cut.
 int CutFile(int fd, int64_t size);
 
-// How many directory entries name the open file: 0 once it has been removed
-// (with its directory, say), -1 when it cannot be read.
-int OpenFileLinks(int fd);
+// Whether path still names the open file fd: the same device and inode.
+// False once the file was removed, renamed, or its directory moved away or
+// replaced, even while another link keeps the file itself alive; true too
+// when fd cannot be examined, so that a failing check never abandons a
+// file that works.
+bool PathNamesOpenFile(const std::string& path, int fd);
 
 // Removes a file (or an empty directory in its place).
 int RemoveFile(const char* path);
