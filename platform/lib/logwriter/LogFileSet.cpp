@@ -14,7 +14,7 @@
 // removed with its directory is noticed within about a second and replaced,
 // with a line counting what may have gone into it; and whatever had to be
 // dropped meanwhile is counted in the next file. While no file can be had,
-// producers stop waiting for room after about a second (see RecordQueue.h).
+// producers do not wait for room at all (see RecordQueue.h).
 #include "logwriter/LogFileSet.h"
 
 #include <cerrno>

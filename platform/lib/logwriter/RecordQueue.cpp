@@ -12,10 +12,9 @@
 #include "port/ToviPort.h"
 
 namespace {
-// How long a producer waits for room in one go, and how many such waits it
-// spends on a writer that cannot write before dropping its record.
+// How long a producer waits for room in one go before it looks again
+// whether the writer still makes progress.
 constexpr unsigned kRoomWaitSliceMs = 100;
-constexpr int kStalledSlices = 10;
 }  // namespace
 
 RecordQueue::RecordQueue(unsigned heldBack) : m_heldBackLimit(heldBack) {
@@ -29,17 +28,14 @@ bool RecordQueue::EnqueueOutput(ACE_Message_Block* block) {
   // The common case: there is room, and no clock is read.
   if (m_output.enqueue_record(block) != -1) return true;
 
-  int stalledSlices = 0;
   for (;;) {
     if (errno != EWOULDBLOCK) return false;  // the queue was shut down
-    // An ended thread will never make room; a writer without a file might
-    // get one back within the second.
+    // A writer that cannot write (no file, a full disk) or whose thread has
+    // ended makes no room: waiting for it would stop the application, not
+    // just its logging. Only a writer that is making progress is waited
+    // for.
     if (m_writerGone.load(std::memory_order_acquire)) return false;
-    if (m_writerStalled.load(std::memory_order_acquire)) {
-      if (++stalledSlices > kStalledSlices) return false;
-    } else {
-      stalledSlices = 0;
-    }
+    if (m_writerStalled.load(std::memory_order_acquire)) return false;
     ACE_Time_Value deadline = toviport::DeadlineAfterMs(kRoomWaitSliceMs);
     if (m_output.enqueue_record(block, &deadline) != -1) return true;
   }

@@ -3,10 +3,10 @@
 //
 // A record with an output goes onto the output queue, which the writer
 // thread drains in order. When that queue is full a producer waits for room,
-// as long as the writer is making progress; once the writer cannot write (its
-// thread has ended, or no log file can be created) the producer gives up
-// after about a second and the record is dropped and counted, so no thread
-// ever waits on a writer that will not come back. A record with no output is
+// as long as the writer is making progress; while the writer cannot write
+// (its thread has ended, no log file can be created, the disk is full) the
+// record is dropped and counted at once, so a logging problem never stops
+// the threads that log. A record with no output is
 // held back in a bounded store whose oldest record makes room for the
 // newest, until an assertion brings them out.
 #ifndef TOVI_LOGWRITER_RECORDQUEUE_H

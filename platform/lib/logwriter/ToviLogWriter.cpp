@@ -14,7 +14,7 @@
 // left, and closes the file. Every wait there is bounded: the writer thread
 // notices a stop within 100 ms whether or not the end marker reached the
 // queue, and a marker that finds no room on a writer that cannot write is
-// given up after about a second.
+// given up at once.
 #include "logwriter/ToviLogWriter.h"
 
 #include <cerrno>
@@ -111,6 +111,12 @@ bool ToviLogWriter::AttachSink(std::unique_ptr<RecordSink> sink) {
   return true;
 }
 
+void ToviLogWriter::ReportDropped() {
+  // Taken only when a file can say it: a count is never lost in a line that
+  // has nowhere to go.
+  if (m_files.IsOpen()) m_files.ReportDropped(m_queue.TakeDropped());
+}
+
 void ToviLogWriter::FileStalled(int error, bool creating) {
   m_queue.SetWriterStalled(true);
   m_notice.Failed(error, creating);
@@ -147,7 +153,7 @@ void* ToviLogWriter::OutputThread(void* arg) {
 
   self->m_sinks.HandOver();
   self->m_console.ReportDrops();
-  files.ReportDropped(self->m_queue.TakeDropped());
+  self->ReportDropped();
   WriteLine(files, logformat::kThreadExit);
   files.Flush();
   // The last touch of the writer: from here on the stopping thread owns it.
@@ -224,7 +230,7 @@ void ToviLogWriter::WriteRecord(ToviLogRecord* record, bool fromDiscardQueue) {
     if (record->m_bLog) m_queue.CountDropped(1);
     return;
   }
-  m_files.ReportDropped(m_queue.TakeDropped());
+  ReportDropped();
   // Held-back records come out before the assertion that explains them.
   if (record->m_nLevel == LEVEL_ASSERT && !fromDiscardQueue) FlushDiscardQueue();
 
@@ -287,8 +293,7 @@ ToviLogWriter::~ToviLogWriter() {
 
       // Drops counted after the thread's last word (producers that gave up
       // on a writer without a file).
-      const uint64_t dropped = m_queue.TakeDropped();
-      m_files.ReportDropped(dropped);
+      ReportDropped();
       WriteStopLine(logformat::kStopClearHeldBack, m_queue.HeldBackCount(), true);
       if (!m_queue.ClearHeldBack()) WriteLine(m_files, logformat::kHeldBackClearFailed);
       WriteStopLine(logformat::kStopClearOutput, m_queue.OutputCount(), true);
@@ -296,7 +301,7 @@ ToviLogWriter::~ToviLogWriter() {
       if (!m_queue.ClearOutput(unwritten)) WriteLine(m_files, logformat::kOutputClearFailed);
       WriteStopLine(logformat::kStopCleared, 0, false);
       // Without a file none of that reached anyone who looks in the files.
-      if (!m_files.IsOpen()) m_notice.Stopped(dropped + unwritten);
+      if (!m_files.IsOpen()) m_notice.Stopped(m_queue.TakeDropped() + unwritten);
     } catch (...) {
       // A destructor must not throw; the file is still closed below.
     }

@@ -82,6 +82,8 @@ private:
   // Formats one record and offers it to the sinks.
   void WriteRecord(ToviLogRecord* record, bool fromDiscardQueue);
   void FlushDiscardQueue();
+  // Says in the file how many records producers or the file set dropped.
+  void ReportDropped();
   // The stop sequence's count of what a queue still holds.
   void WriteStopLine(std::string_view what, std::size_t count, bool counted);
 
