@@ -36,6 +36,9 @@ TEST(LogFormat, EveryLineTheWriterWritesReadsBackAsWhatItIs) {
   for (std::size_t i = 0; i < kQueueRecords; ++i) Log(*writer, "queued");
   EXPECT_FALSE(Log(*writer, "refused"));
   std::filesystem::remove(dir / "plain");
+  // A writer without a file is not waited for: the records go in once it
+  // has one again.
+  ASSERT_TRUE(WaitUntil([&] { return writer->OutputQueueCount() < kQueueRecords; }));
   const CountingAsn asn("Value ::= 1");
   for (int level : {0, 1, 2, 3, 9}) Log(*writer, "level " + std::to_string(level), level, level == 1 ? &asn : nullptr);
   ASSERT_TRUE(WaitUntil([&] { return OnlyLog(logDir).find("level 9\n") != std::string::npos; }));
