@@ -19,6 +19,7 @@
 #include "ToviLogLevel.h"
 
 class AsnType;
+class CrashReporter;
 class ToviDebugEngine;
 class ToviInterString;
 class EngineSlot;
@@ -94,6 +95,8 @@ private:
   std::atomic<bool> m_bTraceOff;
   // Sends what the writers write to a syslog collector; null when off.
   SyslogForwarder* m_pSyslogForwarder;
+  // Writes a crash report on a fatal signal; null when off.
+  CrashReporter* m_pCrashReporter;
 };
 
 #endif

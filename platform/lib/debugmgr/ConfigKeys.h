@@ -21,6 +21,9 @@ constexpr NumberKey kMaxFileNum{"nMaxFileNum", 0, 100, 50};
 constexpr NumberKey kEachFileMaxSize{"nEachFileMaxSize", 1048576, 52428800, 5242880};
 constexpr NumberKey kEachProcessMaxZipNum{"nEachProcessMaxZipNum", 1, 50, 10};
 constexpr NumberKey kZipFileIncludeFileNum{"nZipFileIncludeFileNum", 1, 50, 10};
+// 1: a fatal signal leaves a crash report in the main log; 0: the process
+// dies as it would without the library.
+constexpr NumberKey kCrashHandler{"crash_handler", 0, 1, 1};
 
 constexpr int InRangeOrFallback(int value, const NumberKey& key) {
   return value < key.low || value > key.high ? key.fallback : value;

@@ -100,6 +100,7 @@ DebugSettings ReadDebugSettings(const std::string& requestedFile) {
   out.archivesKept = InRangeOrFallback(settings.IntOr(kEachProcessMaxZipNum), kEachProcessMaxZipNum);
   out.filesPerArchive =
       InRangeOrFallback(settings.IntOr(kZipFileIncludeFileNum), kZipFileIncludeFileNum);
+  out.crashHandler = InRangeOrFallback(settings.IntOr(kCrashHandler), kCrashHandler) == 1;
 
   ToviModuleMasks& items = out.modules;
   const std::string defaults(kDefaultSubModule);

@@ -21,6 +21,7 @@ struct DebugSettings {
   int maxFileBytes = 0;
   int archivesKept = 0;
   int filesPerArchive = 0;
+  bool crashHandler = true;
   // The sub-modules' masks, as Init registers them.
   ToviModuleMasks modules;
 };

@@ -25,8 +25,10 @@
 #include "debugmgr/PrintfDefaults.h"
 #include "debugmgr/SubModuleRegistry.h"
 #include "debugmgr/WriterTable.h"
+#include "forward/CrashReporter.h"
 #include "forward/Forwarding.h"
 #include "forward/SyslogForwarder.h"
+#include "logwriter/LogFormat.h"
 #include "logwriter/ToviLogWriter.h"
 #include "port/ToviPort.h"
 
@@ -54,6 +56,25 @@ LogWriterOptions WriterOptions(const DebugSettings& settings, const std::string&
   if (prefix == kManyArchivesName) options.archivesKept *= 5;
   return options;
 }
+// The crash report goes into the main log, and every writer drains.
+CrashReporter* StartCrashReports(WriterTable& writers) {
+  auto report = [&writers](const std::string& text) {
+    if (ToviLogWriter* main = writers.Main()) {
+      const std::string subModule(logformat::kCrashSubModule);
+      main->AddLog(subModule, LEVEL_ASSERT, text.c_str(), nullptr, false, true);
+    }
+  };
+  auto drain = [&writers](int64_t deadlineMs) { writers.DrainAll(deadlineMs); };
+  CrashReporter* reporter = nullptr;
+  try {
+    reporter = new CrashReporter(report, drain);
+  } catch (...) {
+    return nullptr;
+  }
+  if (reporter->Installed()) return reporter;
+  delete reporter;  // another manager's, or the signals could not be hooked
+  return nullptr;
+}
 }  // namespace
 
 ToviDebugMgr::ToviDebugMgr()
@@ -63,7 +84,8 @@ ToviDebugMgr::ToviDebugMgr()
       m_pWriters(new (std::nothrow) WriterTable),
       m_bInit(false),
       m_bTraceOff(false),
-      m_pSyslogForwarder(nullptr) {}
+      m_pSyslogForwarder(nullptr),
+      m_pCrashReporter(nullptr) {}
 
 ToviDebugMgr* ToviDebugMgr::Instance() {
   ToviDebugMgr* manager = m_pInstance.load(std::memory_order_acquire);
@@ -97,6 +119,8 @@ void ToviDebugMgr::Destroy() {
 
 // Runs once no call is inside and none can enter (Destroy).
 ToviDebugMgr::~ToviDebugMgr() {
+  // First: a crash from here on is no longer reported into writers that go.
+  delete m_pCrashReporter;
   delete m_pEngine;
   // The forwarder's lines go into the main writer, which is about to go.
   if (m_pSyslogForwarder != nullptr) m_pSyslogForwarder->DisableNotify();
@@ -142,6 +166,7 @@ bool ToviDebugMgr::Init(const std::string& strName, const std::string& strDebugC
     m_pRegistry->Register(module.first, module.second.first, module.second.second, false);
   }
   m_pSyslogForwarder = forwarder;
+  if (!bTraceOff && settings.crashHandler) m_pCrashReporter = StartCrashReports(*m_pWriters);
   m_bTraceOff.store(bTraceOff, std::memory_order_release);
   m_bInit.store(true, std::memory_order_release);
   return true;

@@ -80,6 +80,12 @@ ToviLogWriter* WriterTable::Create(const std::string& name, const std::string& h
   return nullptr;
 }
 
+void WriterTable::DrainAll(int64_t deadlineMs) {
+  toviport::ReaderLock lock(m_lock);
+  if (!lock) return;
+  for (auto& entry : m_writers) entry.second->WaitDrained(deadlineMs);
+}
+
 void WriterTable::Clear() {
   toviport::WriterLock lock(m_lock);
   for (auto& entry : m_writers) delete entry.second;

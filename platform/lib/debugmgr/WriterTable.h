@@ -47,6 +47,11 @@ public:
   ToviLogWriter* GetOrCreate(const std::string& appName, const std::string& header)
       EXCLUDES(m_lock, m_creation);
 
+  // Waits until every writer has put out what it holds, or until deadline
+  // (SteadyMs). For the crash report: a writer stuck or gone is not waited
+  // for beyond the deadline.
+  void DrainAll(int64_t deadlineMs) EXCLUDES(m_lock);
+
   // Deletes every writer, which writes out what was queued before the stop
   // and waits for its thread. Only once no call can reach the table.
   void Clear() EXCLUDES(m_lock);

@@ -5,6 +5,7 @@
 // of the message into it behind the record, clones the optional ASN.1 value
 // and queues the block. It does no I/O and, once the pool is warm, no
 // allocation; everything else happens on the writer thread.
+#include <atomic>
 #include <cstring>
 
 #include <AsnType.h>
@@ -14,18 +15,30 @@
 #include "logwriter/TimeStamp.h"
 #include "logwriter/ToviLogRecord.h"
 #include "logwriter/ToviLogWriter.h"
+#include "port/FatalSignals.h"
 #include "port/ToviPort.h"
 
 namespace {
+// 0, or the one thread whose records every writer still takes.
+std::atomic<uint32_t> g_onlyThread{0};
 constexpr std::size_t kMaxMessage = 2048;
 // Longer names are cut: a record's size, and with it what a stalled writer
 // holds, must not depend on what a caller passes as a name.
 constexpr std::size_t kMaxSubModuleName = 255;
 }  // namespace
 
+void ToviLogWriter::TakeRecordsOnlyFrom(uint32_t thread) {
+  g_onlyThread.store(thread, std::memory_order_relaxed);
+}
+
 bool ToviLogWriter::AddLog(const std::string& subModule, ToviLogLevel level, const char* text,
                            const AsnType* asn, bool bPrint, bool bLog) {
   if (!m_started || text == nullptr) return false;
+  const uint32_t thread = toviport::CurrentThreadId();
+  const uint32_t only = g_onlyThread.load(std::memory_order_relaxed);
+  if (only != 0 && only != thread) return false;
+  // A thread that traces can report its own stack overflow.
+  toviport::EnsureAltStack();
 
   // "<sub-module> <prefix><message>", the message cut at 2048 bytes.
   const std::string_view prefix = logformat::LevelPrefix(level);
@@ -56,7 +69,7 @@ bool ToviLogWriter::AddLog(const std::string& subModule, ToviLogLevel level, con
   record->m_pText = body;
   record->m_nTextLen = static_cast<uint32_t>(textLen);
   record->m_nSubModuleLen = static_cast<uint32_t>(nameLen);
-  record->m_nThreadId = toviport::CurrentThreadId();
+  record->m_nThreadId = thread;
   record->m_bPrint = bPrint || m_options.printAll;
   record->m_bLog = bLog || m_options.logAll;
   record->m_nLevel = level;

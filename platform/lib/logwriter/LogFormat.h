@@ -90,6 +90,15 @@ constexpr std::string_view kStopClearHeldBack = " about to clear m_DiscardQueue"
 constexpr std::string_view kStopClearOutput = " about to clear m_OutputQueue";
 constexpr std::string_view kStopCleared = " after m_OutputQueue cleared";
 
+// The crash report: one record of sub-module kCrashSubModule at ASSERT
+// level, written for the first thread that faults:
+//   "Fatal signal SIGSEGV (code 1, address 0x10) in thread 0x1a2b of process 1234"
+// and a line per frame of that thread, innermost first:
+//   "#<n> 0x<pc> <module>+0x<offset>[ <function>][ <file>:<line>]"
+constexpr std::string_view kCrashSubModule = "crash";
+constexpr std::string_view kCrashLead = "Fatal signal ";
+constexpr std::string_view kFrameLead = "#";
+
 // Faults of the writer's own machinery.
 constexpr std::string_view kNoMessageBlock = "can't get message block";
 constexpr std::string_view kNoOutputData = "can't get output data";

@@ -62,6 +62,8 @@ public:
   }
 
   std::size_t OutputCount() { return m_output.message_count(); }
+  // Nothing queued, and nothing taken that the writer has not released.
+  bool Drained() { return m_output.message_bytes() == 0; }
   std::size_t HeldBackCount() { return m_heldBack.message_count(); }
 
 private:

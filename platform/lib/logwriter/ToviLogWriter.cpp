@@ -105,6 +105,14 @@ ToviLogWriter::ToviLogWriter(const LogWriterOptions& options)
   m_started = toviport::StartThread(&ToviLogWriter::OutputThread, this, m_thread);
 }
 
+bool ToviLogWriter::WaitDrained(int64_t deadlineMs) {
+  for (;;) {
+    if (m_queue.Drained()) return true;
+    if (toviport::SteadyMs() >= deadlineMs) return false;
+    toviport::SleepMs(1);
+  }
+}
+
 bool ToviLogWriter::AttachSink(std::unique_ptr<RecordSink> sink) {
   if (!m_sinks.Attach(SinkChain::kForward, sink.get())) return false;
   sink.release();  // the chain's now, freed by the stop sequence

@@ -61,12 +61,22 @@ public:
   // or dropped.
   bool AddLog(const std::string& subModule, ToviLogLevel level, const char* text,
               const AsnType* asn, bool bPrint, bool bLog);
+  // From now on every writer of the process refuses records from any
+  // thread but thread, so that what was accepted can drain while the
+  // process dies. Async-signal-safe.
+  static void TakeRecordsOnlyFrom(uint32_t thread);
+
   std::string GetLogPath() const { return m_logPath; }
   const std::string& Prefix() const { return m_options.prefix; }
   // Records written to the file from now on also go to sink, which the
   // writer owns from here on; false (and sink dropped) when one is attached
   // already.
   bool AttachSink(std::unique_ptr<RecordSink> sink);
+
+  // Waits until every record queued so far has been handed to the sinks and
+  // the file's batch to the kernel, or until deadline (SteadyMs); false
+  // when the deadline came first.
+  bool WaitDrained(int64_t deadlineMs);
 
   // Records waiting in each queue (not yet taken by the writer thread).
   std::size_t OutputQueueCount() { return m_queue.OutputCount(); }
