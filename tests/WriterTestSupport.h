@@ -49,12 +49,13 @@ inline std::unique_ptr<ToviLogWriter> NewWriter(const std::string& dir, const st
   return std::make_unique<ToviLogWriter>(options);
 }
 
-// Names of the entries of dir, sorted bytewise.
-inline std::vector<std::string> ListDir(const std::string& dir) {
+// Names of the entries of dir, sorted bytewise; hidden ones (a writer's
+// record journal) only with hidden.
+inline std::vector<std::string> ListDir(const std::string& dir, bool hidden = false) {
   std::vector<std::string> names;
   std::error_code ec;
   for (const auto& entry : std::filesystem::directory_iterator(dir, ec))
-    names.push_back(entry.path().filename().string());
+    if (hidden || entry.path().filename().string()[0] != '.') names.push_back(entry.path().filename().string());
   std::sort(names.begin(), names.end());
   return names;
 }

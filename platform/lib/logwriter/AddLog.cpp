@@ -12,6 +12,7 @@
 
 #include "logwriter/LogFormat.h"
 #include "logwriter/RecordBlock.h"
+#include "logwriter/RecordJournal.h"
 #include "logwriter/TimeStamp.h"
 #include "logwriter/ToviLogRecord.h"
 #include "logwriter/ToviLogWriter.h"
@@ -81,5 +82,12 @@ bool ToviLogWriter::AddLog(const std::string& subModule, ToviLogLevel level, con
       return false;
     }
   }
-  return m_queue.Put(block);
+  // In the journal before the queue: once the call returns true, the record
+  // outlives the process. Records for the console alone, and those held
+  // back, are not journaled.
+  const uint64_t entry = record->m_bLog ? m_journal.Append(*record, m_queue.WriterProgressing()) : 0;
+  record->m_nJournal = entry;
+  if (m_queue.Put(block)) return true;
+  m_journal.Drop(entry);
+  return false;
 }

@@ -27,6 +27,7 @@
 #include "logwriter/LogArchive.h"
 #include "logwriter/LogFileNames.h"
 #include "logwriter/LogFormat.h"
+#include "logwriter/RecordJournal.h"
 #include "logwriter/ToviLogRecord.h"
 #include "port/ToviPort.h"
 
@@ -48,8 +49,20 @@ constexpr int64_t kLinkCheckMs = 500;
 }  // namespace
 
 LogFileSet::LogFileSet(const Settings& settings, FileSetEvents& events, LogArchive& archive,
-                       const std::atomic<bool>& stop)
-    : m_settings(settings), m_events(events), m_archive(archive), m_stop(stop) {}
+                       RecordJournal& journal, const std::atomic<bool>& stop)
+    : m_settings(settings), m_events(events), m_archive(archive), m_journal(journal), m_stop(stop) {}
+
+void LogFileSet::DropRecords(uint64_t records, const std::vector<uint64_t>& entries) {
+  // At a stop, journaled records wait for the next start. Before it they
+  // are done with: the journal's room behind them must come back.
+  if (m_stop.load(std::memory_order_acquire) && m_journal.IsOpen()) {
+    m_journal.Unwrite(entries);
+    m_events.RecordsDropped(records - entries.size());
+    return;
+  }
+  m_journal.Drop(entries);
+  m_events.RecordsDropped(records);
+}
 
 bool LogFileSet::Create() {
   const int64_t now = toviport::CurrentTime();
@@ -137,9 +150,10 @@ void LogFileSet::Close() {
   WriteText(line);
   if (!Flush()) {
     // What could not be written now never will be: count its records.
-    m_events.RecordsDropped(m_batchRecords);
+    DropRecords(m_batchRecords, m_batchEntries);
     m_batch.clear();
     m_batchRecords = 0;
+    m_batchEntries.clear();
     m_failed = false;
   }
   toviport::CloseFile(m_fd);
@@ -166,15 +180,20 @@ bool LogFileSet::Write(const char* data, std::size_t size) {
 bool LogFileSet::Flush() {
   if (m_fd < 0 || m_batch.empty()) return !m_failed;
   std::size_t written = 0;
+  m_journal.Writing(m_batchEntries, CurrentName(), m_flushedBytes);
   const int error = toviport::WriteAll(m_fd, m_batch.data(), m_batch.size(), written);
   if (error == 0) {
+    m_journal.Committed();
+    m_journal.Trim();
     m_flushedBytes += static_cast<int64_t>(written);
     m_recordsSinceCheck += m_batchRecords;
     m_batch.clear();
     m_batchRecords = 0;
+    m_batchEntries.clear();
     m_failed = false;
     return true;
   }
+  m_journal.Unwrite(m_batchEntries);
   // The batch holds whole records only; cutting back to its start leaves no
   // torn record, and the batch waits for the next file.
   m_writeError = error;
@@ -203,6 +222,14 @@ void LogFileSet::Add(const SinkRecord& record) {
   if (record.lineEnd) Write("\n", 1);
   Write(record.asn.data(), record.asn.size());
   ++m_batchRecords;
+  if (record.record.m_nJournal != 0) {
+    try {
+      m_batchEntries.push_back(record.record.m_nJournal);
+    } catch (...) {
+      // Not followed: written or not, it must not come back at a restart.
+      m_journal.Drop(record.record.m_nJournal);
+    }
+  }
   // A file ends with the record that took it past its limit.
   if (m_bytes > static_cast<int64_t>(m_settings.maxFileBytes)) {
     RollOver();
@@ -254,6 +281,8 @@ bool LogFileSet::RecoverFromFailedWrite() {
   std::string carried;
   carried.swap(m_batch);
   const uint64_t carriedRecords = m_batchRecords;
+  std::vector<uint64_t> carriedEntries;
+  carriedEntries.swap(m_batchEntries);
   const bool sizeLimit = m_writeError == EFBIG;
   // What the failed file holds is whole and is archived like any other.
   const std::string closed = m_flushedBytes > 0 ? CurrentName() : "";
@@ -267,14 +296,16 @@ bool LogFileSet::RecoverFromFailedWrite() {
   if ((sizeLimit || SleepUnlessStopped(kRetryMs)) && OpenUntilStopped()) {
     Write(carried.data(), carried.size());
     m_batchRecords = carriedRecords;
+    m_batchEntries.swap(carriedEntries);
     if (Flush()) return true;
     // Not even a fresh file takes them: count them rather than go round.
     m_batch.clear();
     m_batchRecords = 0;
+    m_batchEntries.swap(carriedEntries);
     m_failed = false;
     m_bytes = m_flushedBytes;
   }
-  m_events.RecordsDropped(carriedRecords);
+  DropRecords(carriedRecords, carriedEntries);
   return m_fd >= 0;
 }
 
@@ -293,10 +324,12 @@ bool LogFileSet::ReplaceIfRemoved() {
   std::string carried;
   carried.swap(m_batch);
   const uint64_t carriedRecords = m_batchRecords;
+  std::vector<uint64_t> carriedEntries;
+  carriedEntries.swap(m_batchEntries);
   toviport::CloseFile(m_fd);
   m_fd = -1;
   if (!OpenUntilStopped()) {
-    m_events.RecordsDropped(carriedRecords);
+    DropRecords(carriedRecords, carriedEntries);
     return false;
   }
   char line[160];
@@ -304,5 +337,6 @@ bool LogFileSet::ReplaceIfRemoved() {
   WriteText(line);
   Write(carried.data(), carried.size());
   m_batchRecords = carriedRecords;
+  m_batchEntries.swap(carriedEntries);
   return true;
 }

@@ -13,10 +13,12 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "logwriter/RecordSink.h"
 
 class LogArchive;
+class RecordJournal;
 
 // What the file set tells its writer the moment it happens: producers must
 // learn at once that no file can be had, and what had to be dropped must be
@@ -44,8 +46,9 @@ public:
     uint32_t maxFileBytes = 0;
   };
   // archive takes the closed files; stop ends every wait for a file.
+  // journal learns which records reached the file.
   LogFileSet(const Settings& settings, FileSetEvents& events, LogArchive& archive,
-             const std::atomic<bool>& stop);
+             RecordJournal& journal, const std::atomic<bool>& stop);
   LogFileSet(const LogFileSet&) = delete;
   LogFileSet& operator=(const LogFileSet&) = delete;
 
@@ -87,6 +90,9 @@ private:
   bool RollOver();
   // Closes the open file without a closing line; removes it if it is empty.
   void Abandon();
+  // The records of a batch that will never be written: counted, and so done
+  // with in the journal.
+  void DropRecords(uint64_t records, const std::vector<uint64_t>& entries);
   // When the open file has been removed, opens a new one and says how many
   // records may have been lost; false when a stop came first.
   bool ReplaceIfRemoved();
@@ -95,6 +101,7 @@ private:
   const Settings m_settings;
   FileSetEvents& m_events;
   LogArchive& m_archive;
+  RecordJournal& m_journal;
   const std::atomic<bool>& m_stop;
 
   // The open file, -1 when none, and its path.
@@ -111,6 +118,8 @@ private:
   int64_t m_flushedBytes = 0;
   std::string m_batch;
   uint64_t m_batchRecords = 0;
+  // The journal entries of the batch's records.
+  std::vector<uint64_t> m_batchEntries;
   // The last write failed (with m_writeError); the batch still waits.
   bool m_failed = false;
   int m_writeError = 0;

@@ -99,6 +99,11 @@ constexpr std::string_view kCrashSubModule = "crash";
 constexpr std::string_view kCrashLead = "Fatal signal ";
 constexpr std::string_view kFrameLead = "#";
 
+// "<count><lead><pid>": the records a writer of the same prefix accepted
+// and had not written when its process died, written by the next start
+// after this line, in the order they were accepted.
+constexpr std::string_view kRecoveredLead = " record(s) recovered from process ";
+
 // Faults of the writer's own machinery.
 constexpr std::string_view kNoMessageBlock = "can't get message block";
 constexpr std::string_view kNoOutputData = "can't get output data";

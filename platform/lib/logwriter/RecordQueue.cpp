@@ -97,8 +97,8 @@ ACE_Message_Block* RecordQueue::TakeHeldBack() {
 }
 
 uint64_t RecordQueue::TakeDropped() {
-  if (m_dropped.load(std::memory_order_relaxed) == 0) return 0;
-  return m_dropped.exchange(0, std::memory_order_relaxed);
+  if (m_dropped->load(std::memory_order_relaxed) == 0) return 0;
+  return m_dropped->exchange(0, std::memory_order_relaxed);
 }
 
 // A thread that saw the stop flag on an empty queue ends without waiting for

@@ -45,11 +45,21 @@ public:
   // What producers need to know about the writer thread.
   void SetWriterStalled(bool stalled) { m_writerStalled.store(stalled, std::memory_order_release); }
   void SetWriterGone() { m_writerGone.store(true, std::memory_order_release); }
+  // Neither without a file nor ended: worth waiting for.
+  bool WriterProgressing() const {
+    return !m_writerStalled.load(std::memory_order_acquire) &&
+           !m_writerGone.load(std::memory_order_acquire);
+  }
 
   // Records that had to be dropped, counted until a file can say so.
-  void CountDropped(uint64_t records) { m_dropped.fetch_add(records, std::memory_order_relaxed); }
+  void CountDropped(uint64_t records) { m_dropped->fetch_add(records, std::memory_order_relaxed); }
+  // Before any producer: the count lives in counter from now on (one that
+  // outlives the process), starting from what it holds.
+  void KeepDropCountIn(std::atomic<uint64_t>* counter) {
+    if (counter != nullptr) m_dropped = counter;
+  }
   uint64_t TakeDropped();
-  uint64_t DroppedSoFar() const { return m_dropped.load(std::memory_order_relaxed); }
+  uint64_t DroppedSoFar() const { return m_dropped->load(std::memory_order_relaxed); }
 
   // The stop sequence, once the writer thread has ended. Clear* drop what is
   // left; false when a record could not be taken.
@@ -75,7 +85,8 @@ private:
   const unsigned m_heldBackLimit;
   std::atomic<bool> m_writerGone{false};
   std::atomic<bool> m_writerStalled{false};
-  std::atomic<uint64_t> m_dropped{0};
+  std::atomic<uint64_t> m_ownDropped{0};
+  std::atomic<uint64_t>* m_dropped = &m_ownDropped;
 };
 
 #endif

@@ -38,6 +38,8 @@ public:
   AsnType* m_pAsn = nullptr;
   bool m_bPrint = false;
   bool m_bLog = false;
+  // Its entry in the writer's journal (RecordJournal::Append), 0 for none.
+  uint64_t m_nJournal = 0;
 };
 
 #endif

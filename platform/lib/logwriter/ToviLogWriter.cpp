@@ -95,9 +95,15 @@ ToviLogWriter::ToviLogWriter(const LogWriterOptions& options)
       m_logPath(DirectoryOf(options)),
       m_queue(options.heldBackRecords),
       m_archive(m_logPath, options.prefix, options.archivesKept),
-      m_files(FileSettings(options, m_logPath), *this, m_archive, m_stopRequested),
+      m_files(FileSettings(options, m_logPath), *this, m_archive, m_journal, m_stopRequested),
       m_console(m_files),
       m_notice(m_logPath) {
+  // The journal first: what producers accept from the start must outlive
+  // the process. Without one (no room, no directory) the writer works as
+  // before, and says so.
+  m_journal.FindDead(m_logPath, options.prefix);
+  int error = 0;
+  if (m_journal.Create(error)) m_queue.KeepDropCountIn(m_journal.DropCounter());
   m_sinks.Attach(SinkChain::kFile, &m_files);
   m_sinks.Attach(SinkChain::kConsole, &m_console);
   // Joinable, so that the stop sequence returns the moment the thread has
@@ -125,6 +131,34 @@ void ToviLogWriter::ReportDropped() {
   if (m_files.IsOpen()) m_files.ReportDropped(m_queue.TakeDropped());
 }
 
+void ToviLogWriter::WriteRecovered() {
+  const auto begin = [this](uint32_t pid, std::size_t records, uint64_t dropped) {
+    char line[160];
+    std::snprintf(line, sizeof line, "%zu%.*s%u\n", records,
+                  static_cast<int>(logformat::kRecoveredLead.size()), logformat::kRecoveredLead.data(),
+                  pid);
+    m_files.WriteText(line);
+    m_files.ReportDropped(dropped);
+  };
+  const auto write = [this](const RecordJournal::Recovered& recovered) {
+    char stamp[logformat::kStampLength + 1];
+    std::memcpy(stamp, recovered.stamp, logformat::kStampLength);
+    stamp[logformat::kStampLength] = '\0';
+    ToviLogRecord record;
+    record.m_pTime = stamp;
+    record.m_nThreadId = recovered.thread;
+    record.m_nLevel = static_cast<ToviLogLevel>(recovered.level);
+    char head[32];
+    const std::size_t headLen = FormatHead(record, head);
+    const std::size_t length = recovered.textLength;
+    const bool lineEnd = length > 0 && recovered.text[length - 1] != '\n';
+    static const std::string kNoAsn;
+    m_files.Add(SinkRecord{record, head, headLen, recovered.text, length, lineEnd, kNoAsn, true,
+                           false, false});
+  };
+  m_journal.Recover(begin, write);
+}
+
 void ToviLogWriter::FileStalled(int error, bool creating) {
   m_queue.SetWriterStalled(true);
   m_notice.Failed(error, creating);
@@ -132,6 +166,13 @@ void ToviLogWriter::FileStalled(int error, bool creating) {
 
 void ToviLogWriter::FileWritable() {
   m_queue.SetWriterStalled(false);
+  // A directory that was not there at the start may take the journal now;
+  // one that takes files but not the journal is worth a word.
+  int error = 0;
+  if (!m_journal.IsOpen() && !m_journal.Create(error) && !m_journalRefused) {
+    m_journalRefused = true;
+    m_notice.NoJournal(error);
+  }
   m_notice.Recovered(m_queue.DroppedSoFar());
 }
 
@@ -143,6 +184,8 @@ void* ToviLogWriter::OutputThread(void* arg) {
   toviport::MakeBackgroundThread();
 
   LogFileSet& files = self->m_files;
+  // Before the maintenance archives the dead writers' last files.
+  self->m_journal.CutDeadFiles();
   self->m_archive.Maintain();
   if (!files.OpenUntilStopped()) {
     self->m_queue.SetWriterGone();
@@ -155,7 +198,9 @@ void* ToviLogWriter::OutputThread(void* arg) {
                 static_cast<int>(logformat::kThreadHandleLead.size()),
                 logformat::kThreadHandleLead.data(), toviport::CurrentThreadId());
   files.WriteText(line);
+  self->WriteRecovered();
   if (!files.Flush()) files.RecoverFromFailedWrite();
+  self->m_journal.ForgetDead();
 
   self->DrainOutputQueue();
 
@@ -234,7 +279,9 @@ void ToviLogWriter::WriteRecord(ToviLogRecord* record, bool fromDiscardQueue) {
   if (record == nullptr || record->m_pTime == nullptr) return;
   if (m_files.HasFailedWrite()) m_files.RecoverFromFailedWrite();
   if (!m_files.IsOpen()) {
-    // Only after a stop during a wait for a file: the record is counted.
+    // Only after a stop during a wait for a file: a journaled record waits
+    // there for the next start, any other is counted.
+    if (record->m_nJournal != 0 && m_journal.IsOpen()) return;
     if (record->m_bLog) m_queue.CountDropped(1);
     return;
   }
@@ -308,12 +355,17 @@ ToviLogWriter::~ToviLogWriter() {
       std::size_t unwritten = 0;
       if (!m_queue.ClearOutput(unwritten)) WriteLine(m_files, logformat::kOutputClearFailed);
       WriteStopLine(logformat::kStopCleared, 0, false);
-      // Without a file none of that reached anyone who looks in the files.
-      if (!m_files.IsOpen()) m_notice.Stopped(m_queue.TakeDropped() + unwritten);
+      // Without a file none of that reached anyone who looks in the files;
+      // with a journal it is written at the next start.
+      if (!m_files.IsOpen()) {
+        const bool kept = m_journal.IsOpen() && !m_journal.Clean();
+        m_notice.Stopped(m_queue.DroppedSoFar() + (kept ? m_journal.Pending() : unwritten), kept);
+      }
     } catch (...) {
       // A destructor must not throw; the file is still closed below.
     }
   }
   m_files.Close();
+  m_journal.Close();
   delete m_sinks.Detach(SinkChain::kForward);
 }

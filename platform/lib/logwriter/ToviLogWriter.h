@@ -28,6 +28,7 @@
 #include "logwriter/ConsoleOutput.h"
 #include "logwriter/LogArchive.h"
 #include "logwriter/LogFileSet.h"
+#include "logwriter/RecordJournal.h"
 #include "logwriter/RecordQueue.h"
 #include "logwriter/RecordSink.h"
 #include "logwriter/UnwritableNotice.h"
@@ -94,6 +95,8 @@ private:
   void FlushDiscardQueue();
   // Says in the file how many records producers or the file set dropped.
   void ReportDropped();
+  // Writes what dead writers of the same prefix left in their journals.
+  void WriteRecovered();
   // The stop sequence's count of what a queue still holds.
   void WriteStopLine(std::string_view what, std::size_t count, bool counted);
 
@@ -105,12 +108,15 @@ private:
   const LogWriterOptions m_options;
   const std::string m_logPath;
   std::atomic<bool> m_stopRequested{false};
+  RecordJournal m_journal;
   RecordQueue m_queue;
   LogArchive m_archive;
   LogFileSet m_files;
   ConsoleOutput m_console;
   SinkChain m_sinks;
   UnwritableNotice m_notice;
+  // The journal could not be made even with a usable directory (said once).
+  bool m_journalRefused = false;
   // The state above that the writer thread alone touches while it runs; the
   // stop sequence takes the role over once that thread has ended.
   toviport::ThreadRole m_writerRole;

@@ -35,9 +35,16 @@ void UnwritableNotice::Recovered(uint64_t dropped) try {
 } catch (...) {
 }
 
-void UnwritableNotice::Stopped(uint64_t unwritten) try {
+void UnwritableNotice::Stopped(uint64_t unwritten, bool kept) try {
   Say(std::string(kLead) + "stopped with no log file in " + m_dir + "; " +
-      std::to_string(unwritten) + " record(s) could not be written\n");
+      std::to_string(unwritten) +
+      (kept ? " record(s) kept for the next start\n" : " record(s) could not be written\n"));
+} catch (...) {
+}
+
+void UnwritableNotice::NoJournal(int error) try {
+  Say(std::string(kLead) + "no record journal in " + m_dir + ": " + std::strerror(error) +
+      "; records accepted but not yet written are lost if the process dies\n");
 } catch (...) {
 }
 

@@ -27,8 +27,11 @@ public:
   void Failed(int error, bool creating);
   // A file takes records again; dropped of them were lost meanwhile.
   void Recovered(uint64_t dropped);
-  // At the stop, with no file open: records that never reached one.
-  void Stopped(uint64_t unwritten);
+  // At the stop, with no file open: records that never reached one, and
+  // whether they are kept for the next start.
+  void Stopped(uint64_t unwritten, bool kept);
+  // No journal could be made: records live in memory only.
+  void NoJournal(int error);
 
 private:
   void Say(const std::string& line);

@@ -137,6 +137,16 @@ int CutFile(int fd, int64_t size) {
   return ::lseek(fd, static_cast<off_t>(size), SEEK_SET) == static_cast<off_t>(size) ? 0 : errno;
 }
 
+int ShortenFile(const std::string& path, int64_t size) {
+  const int fd = ::open(path.c_str(), O_WRONLY | O_NOFOLLOW | O_CLOEXEC);
+  if (fd < 0) return errno;
+  struct stat st;
+  int error = ::fstat(fd, &st) == 0 ? 0 : errno;
+  if (error == 0 && st.st_size > size && ::ftruncate(fd, static_cast<off_t>(size)) != 0) error = errno;
+  ::close(fd);
+  return error;
+}
+
 bool PathNamesOpenFile(const std::string& path, int fd) {
   struct stat open;
   if (::fstat(fd, &open) != 0) return true;

@@ -71,6 +71,9 @@ int RenameFile(const char* from, const char* to);
 // Cuts an open file back to size bytes and places the file offset there, so
 // that the next write continues at the cut.
 int CutFile(int fd, int64_t size);
+// Cuts the file at path back to size bytes when it is longer; 0 or the
+// errno. A link is not followed.
+int ShortenFile(const std::string& path, int64_t size);
 
 // Whether path still names the open file fd: the same device and inode.
 // False once the file was removed, renamed, or its directory moved away or
