@@ -315,14 +315,14 @@ std::size_t RecordJournal::Pending() const {
 
 void RecordJournal::Recover(
     const std::function<void(uint32_t pid, std::size_t records, uint64_t dropped)>& begin,
-    const std::function<void(const Recovered&)>& write) {
+    const std::function<void(const Recovered&)>& take) {
   for (std::size_t i = 0; i < m_dead.size(); ++i) {
     Header* header = static_cast<Header*>(m_dead[i].base);
     const std::vector<const Entry*> unwritten = Unwritten(*header);
     const uint64_t dropped = header->dropped.load(std::memory_order_relaxed);
     if (!unwritten.empty() || dropped > 0) begin(header->pid, unwritten.size(), dropped);
     for (const Entry* entry : unwritten) {
-      write(Recovered{entry->stamp, entry->thread, entry->level,
+      take(Recovered{entry->stamp, entry->thread, entry->level,
                       reinterpret_cast<const char*>(entry + 1), entry->textLength});
     }
   }

@@ -87,7 +87,7 @@ public:
   // anything touches the dead writers' files: takes their journals and cuts
   // each one's last file back to where its last committed write ended.
   // Recover, once a file is open: hands every unwritten record of each, in
-  // acceptance order, to `write`, after the dead process's id, the count and
+  // acceptance order, to `take`, after the dead process's id, the count and
   // its drop count to `begin`. ForgetDead, once those are in the file:
   // removes the dead journals.
   void CutDeadFiles();
@@ -99,7 +99,7 @@ public:
     std::size_t textLength;
   };
   void Recover(const std::function<void(uint32_t pid, std::size_t records, uint64_t dropped)>& begin,
-               const std::function<void(const Recovered&)>& write);
+               const std::function<void(const Recovered&)>& take);
   void ForgetDead();
 
 private:
