@@ -3,6 +3,8 @@
 // archived, across a midnight that a change of time zone brings on: full
 // time stamps, the merge, the JSON and text output, and the filters.
 #include "TovilogRun.h"
+#include "logwriter/RecordJournal.h"
+#include "logwriter/ToviLogRecord.h"
 
 namespace fs = std::filesystem;
 using namespace tovitest;
@@ -186,4 +188,41 @@ TEST_F(TovilogSet, FiltersAndCounts) {
   EXPECT_EQ(RunTovilog({g_dir->path(), "--level", "LOUD"}).status, 2) << "bad usage";
   const json stats = json::parse(RunTovilog({g_dir->path(), "--stats", "--json"}).out);
   EXPECT_EQ(json({stats["records"], stats["threads"][g_appThread]}), json({g_records.size(), 200}));
+}
+
+// What a dead run left in its journal comes back at the next start under a
+// line that tovilog shows as an event, records after it; the crash report
+// is an event too, with its frames as a list in JSON.
+TEST(TovilogEvents, RecoveredRecordsAndTheCrashReport) {
+  TempDir dir;
+  {
+    RecordJournal dead;  // a run that accepted two records and died
+    dead.FindDead(dir.path(), "rec");
+    int error = 0;
+    ASSERT_TRUE(dead.Create(error)) << error;
+    char stamp[] = "2026-11-25 10:00:00.000001";
+    char text[] = "m INFO: kept 0";
+    ToviLogRecord record;
+    record.m_pTime = stamp, record.m_pText = text, record.m_nTextLen = sizeof text - 1, record.m_nThreadId = 0x2a;
+    for (char last : {'0', '1'}) {
+      text[sizeof text - 2] = last;
+      EXPECT_NE(dead.Append(record, true), 0u);
+    }
+  }
+  auto writer = NewWriter(dir.path(), "rec");
+  writer->AddLog("crash", LEVEL_ASSERT, "Fatal signal SIGSEGV (code 1, address 0x0) in thread 0x2a of process 7\n"
+                 "#0 0x1 a.out+0x1 f() f.cpp:1\n#1 0x2 libc.so.6+0x2", nullptr, false, true);
+  writer.reset();
+
+  const std::vector<json> items = JsonLines(RunTovilog({dir.path(), "--json"}).out);
+  std::vector<std::string> seen;
+  for (const json& item : items) {
+    if (item.contains("event") && item["event"] == "recovered") seen.push_back(item["text"]);
+    if (item.contains("event") && item["event"] == "crash") seen.push_back(item["frames"].dump());
+    if (item.contains("module") && item["module"] == "m") seen.push_back(item["text"]);
+  }
+  EXPECT_EQ(seen, (std::vector<std::string>{"2 record(s) recovered from process " + std::to_string(::getpid()),
+                                            "kept 0", "kept 1",
+                                            R"(["#0 0x1 a.out+0x1 f() f.cpp:1","#1 0x2 libc.so.6+0x2"])"}));
+  EXPECT_EQ(ListDir(dir.path(), true), ListDir(dir.path())) << "the dead journal stays";
 }

@@ -69,7 +69,12 @@ void FileReader::CountBinaryLine() {
 const Item* FileReader::TakePending() {
   if (!hasPending_) return nullptr;
   hasPending_ = false;
-  const Item* taken = &items_[pendingSlot_];
+  Item* taken = &items_[pendingSlot_];
+  // The crash report is a record to the writer and an event to a reader.
+  if (taken->isRecord && IsCrashReport(taken->Module(), taken->Message())) {
+    taken->isRecord = false;
+    taken->event = EventKind::kCrash;
+  }
   pendingSlot_ ^= 1;
   return taken;
 }

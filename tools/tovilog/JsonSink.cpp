@@ -40,6 +40,19 @@ public:
     } else {
       j["event"] = EventName(item.event);
       j["text"] = Chomp(item.text);
+      if (item.event == EventKind::kCrash) {
+        // The first line names the signal; the frames follow, one a line.
+        const std::string text = Chomp(item.text);
+        nlohmann::ordered_json frames = nlohmann::ordered_json::array();
+        for (std::size_t at = text.find('\n'); at != std::string::npos;) {
+          const std::size_t end = text.find('\n', at + 1);
+          frames.push_back(text.substr(at + 1, end == std::string::npos ? end : end - at - 1));
+          at = end;
+        }
+        j["frames"] = frames;
+      } else {
+        j.erase("frames");
+      }
     }
     out_.Append(j.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
     out_.Append("\n");

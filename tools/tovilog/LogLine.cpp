@@ -94,6 +94,7 @@ std::vector<FileLinePattern> BuildPatterns() {
   add(EventKind::kThreadHandle, Quoted(kThreadHandleLead) + "[0-9a-f]+", false);
   add(EventKind::kDropped, R"(\d+)" + AnyOf({kDroppedUnwritable, kLostRemoved, kNotShown}), false);
   add(EventKind::kThreadExit, Quoted(kThreadExit), false);
+  add(EventKind::kRecovered, R"(\d+)" + Quoted(kRecoveredLead) + R"(\d+)", false);
   add(EventKind::kWriterMessage,
       AnyOf({kNoMessageBlock, kNoOutputData, kHeldBackClearFailed, kOutputClearFailed}), false);
   return p;
@@ -117,8 +118,14 @@ std::string FileLineStarts() {
 const char* EventName(EventKind kind) {
   static const char* const kNames[] = {"create",      "header", "first-file", "thread-handle",
                                        "date",        "dropped", "thread-exit", "stop",
-                                       "close",       "writer-message", "stray"};
+                                       "close",       "writer-message", "recovered",
+                                       "crash",       "stray"};
   return kNames[static_cast<int>(kind)];
+}
+
+bool IsCrashReport(std::string_view module, std::string_view message) {
+  return module == logformat::kCrashSubModule &&
+         message.substr(0, logformat::kCrashLead.size()) == logformat::kCrashLead;
 }
 
 bool ParseRecordHead(std::string_view line, RecordHead& head) {

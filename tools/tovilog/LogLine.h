@@ -21,6 +21,8 @@ enum class EventKind : uint8_t {
   kStop,           // "... about to clear m_DiscardQueue(N)" and the like
   kClose,          // "File close at ..."
   kWriterMessage,  // "can't get message block" and the like
+  kRecovered,      // "N record(s) recovered from process P"
+  kCrash,          // the crash report: a "crash" record "Fatal signal ..." and its frames
   kStray,          // lines before anything else in a file that has no head
 };
 
@@ -39,6 +41,9 @@ struct RecordHead {
 
 // "HH:MM:SS.uuuuuu.T<hex> <module> <level prefix><text>".
 bool ParseRecordHead(std::string_view line, RecordHead& head);
+
+// Whether a record (its module and its message) is the crash report.
+bool IsCrashReport(std::string_view module, std::string_view message);
 
 // One of the file's own lines: its kind, and in `wall` the full date and
 // time it carries (kNoTime when it carries none).
