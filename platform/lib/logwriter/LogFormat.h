@@ -39,7 +39,8 @@ constexpr int kUnnamedSeverity = 7;  // debug
 constexpr bool IsNamedLevel(int level) { return level >= 0 && level < kNamedLevels; }
 // The prefix a record of level carries in the file; empty for levels 4-31.
 constexpr std::string_view LevelPrefix(int level) {
-  return IsNamedLevel(level) ? kLevels[level].prefix : std::string_view();
+  // Empty, yet pointing somewhere: a copy of no bytes from it stays defined.
+  return IsNamedLevel(level) ? kLevels[level].prefix : std::string_view("", 0);
 }
 constexpr int SyslogSeverity(int level) {
   return IsNamedLevel(level) ? kLevels[level].severity : kUnnamedSeverity;
