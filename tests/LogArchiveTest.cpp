@@ -173,3 +173,44 @@ TEST(LogArchive, ALiveFileIsNeverTakenAndACrashedCompressionIsFinishedOnce) {
   EXPECT_EQ(ReadGz(crashed / (later + ".gz")), "the complete archive");
   EXPECT_FALSE(fs::exists(crashed / later));
 }
+
+// Log files, archives and the directories the library makes are for the
+// owner and the owner's group only under the usual umask of 022; the
+// configured modes replace those (a malformed one is ignored), and the
+// umask still takes its share; the record journal is the owner's alone.
+TEST(LogArchive, ModesOfFilesArchivesAndDirectories) {
+  struct Case {
+    std::string cfg;
+    mode_t umask;
+    unsigned file, dir;
+  };
+  const auto modeOf = [](const std::string& path) {
+    struct stat st {};
+    return ::stat(path.c_str(), &st) == 0 ? st.st_mode & 0777 : 01000u;
+  };
+  const mode_t saved = ::umask(022);
+  for (const Case& c : {Case{"", 022, 0640, 0750}, Case{"log_file_mode=0644\nlog_dir_mode=0755\n", 022, 0644, 0755},
+                        Case{"", 077, 0600, 0700}, Case{"log_file_mode=0999\nlog_dir_mode=rwx\n", 022, 0640, 0750}}) {
+    SCOPED_TRACE(c.cfg);
+    ::umask(c.umask);
+    MgrRoot root(c.cfg + "nEachFileMaxSize=1\n");
+    const std::string logs = root.logs / "a/b/";
+    ToviDebugMgr* mgr = ToviDebugMgr::Instance();
+    ASSERT_TRUE(mgr->Init("m", "", logs, "", false, false));
+    for (int i = 0; i < 9000; ++i) mgr->Trace("x", LEVEL_ERROR, std::string(120, 'r').c_str(), nullptr, false, true);
+    std::size_t journals = 0;
+    for (const std::string& name : ListDir(logs, true)) {
+      if (name[0] != '.') continue;
+      ++journals;
+      EXPECT_EQ(modeOf(logs + name), 0600u) << name;
+    }
+    EXPECT_EQ(journals, 1u);
+    ToviDebugMgr::Destroy();
+    EXPECT_EQ(modeOf(root.logs / "a"), c.dir);
+    EXPECT_EQ(modeOf(logs), c.dir);
+    const std::vector<std::string> names = ListDir(logs);
+    EXPECT_TRUE(std::any_of(names.begin(), names.end(), [](const std::string& n) { return EndsWith(n, ".gz"); }));
+    for (const std::string& name : names) EXPECT_EQ(modeOf(logs + name), c.file) << name;
+  }
+  ::umask(saved);
+}

@@ -24,6 +24,10 @@ constexpr NumberKey kZipFileIncludeFileNum{"nZipFileIncludeFileNum", 1, 50, 10};
 // 1: a fatal signal leaves a crash report in the main log; 0: the process
 // dies as it would without the library.
 constexpr NumberKey kCrashHandler{"crash_handler", 0, 1, 1};
+// Octal modes of log files and archives, and of the log directories the
+// library makes (defaults in logwriter/LogFileNames.h).
+constexpr char kLogFileMode[] = "log_file_mode";
+constexpr char kLogDirMode[] = "log_dir_mode";
 
 constexpr int InRangeOrFallback(int value, const NumberKey& key) {
   return value < key.low || value > key.high ? key.fallback : value;

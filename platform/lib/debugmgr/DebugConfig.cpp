@@ -1,6 +1,7 @@
 // DebugConfig.cpp - reading the debug configuration. Nothing is cached:
 // Init reads once per start.
 #include <climits>
+#include <cstdlib>
 #include <cstdint>
 #include <map>
 #include <string>
@@ -9,6 +10,7 @@
 #include "baseutil/ConfigReader.h"
 #include "debugmgr/ConfigKeys.h"
 #include "debugmgr/DebugConfig.h"
+#include "logwriter/LogFileNames.h"
 #include "port/ToviPort.h"
 
 namespace {
@@ -64,6 +66,16 @@ std::bitset<32> BoundMask(const std::bitset<32>& mask) {
   return std::bitset<32>(value > 4369 ? (value & 15) : value);
 }
 
+// An octal mode ("0644"), else fallback: absent, not octal digits alone, or
+// beyond 0777.
+unsigned ModeOr(const std::string& text, unsigned fallback) {
+  if (text.empty() || text.size() > 4 || text.find_first_not_of("01234567") != std::string::npos) {
+    return fallback;
+  }
+  const unsigned long mode = std::strtoul(text.c_str(), nullptr, 8);
+  return mode <= 0777 ? static_cast<unsigned>(mode) : fallback;
+}
+
 int MebibytesToBytes(int mebibytes) {
   const int64_t bytes = static_cast<int64_t>(mebibytes) * kMiB;
   if (bytes > INT32_MAX) return INT32_MAX;
@@ -101,6 +113,8 @@ DebugSettings ReadDebugSettings(const std::string& requestedFile) {
   out.filesPerArchive =
       InRangeOrFallback(settings.IntOr(kZipFileIncludeFileNum), kZipFileIncludeFileNum);
   out.crashHandler = InRangeOrFallback(settings.IntOr(kCrashHandler), kCrashHandler) == 1;
+  out.fileMode = ModeOr(settings.StringOr(kLogFileMode, ""), logfilenames::kFileMode);
+  out.dirMode = ModeOr(settings.StringOr(kLogDirMode, ""), logfilenames::kDirMode);
 
   ToviModuleMasks& items = out.modules;
   const std::string defaults(kDefaultSubModule);

@@ -22,6 +22,8 @@ struct DebugSettings {
   int archivesKept = 0;
   int filesPerArchive = 0;
   bool crashHandler = true;
+  unsigned fileMode = 0;
+  unsigned dirMode = 0;
   // The sub-modules' masks, as Init registers them.
   ToviModuleMasks modules;
 };

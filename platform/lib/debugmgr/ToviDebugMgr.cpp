@@ -53,6 +53,8 @@ LogWriterOptions WriterOptions(const DebugSettings& settings, const std::string&
   options.heldBackRecords = static_cast<unsigned>(settings.heldBackRecords);
   options.maxFileBytes = static_cast<unsigned>(settings.maxFileBytes);
   options.archivesKept = settings.archivesKept;
+  options.fileMode = settings.fileMode;
+  options.dirMode = settings.dirMode;
   if (prefix == kManyArchivesName) options.archivesKept *= 5;
   return options;
 }
@@ -142,9 +144,9 @@ bool ToviDebugMgr::Init(const std::string& strName, const std::string& strDebugC
   if (m_bInit.load(std::memory_order_relaxed)) return true;
   if (strName.empty()) return false;
 
-  if (!strLogPath.empty()) toviport::MakeDirTree(strLogPath.c_str());
-  const std::string logDir = strLogPath.empty() ? ToviGetDefaultLogPath() : strLogPath;
   const DebugSettings settings = ReadDebugSettings(strDebugCfgFile);
+  if (!strLogPath.empty()) toviport::MakeDirTree(strLogPath.c_str(), settings.dirMode);
+  const std::string logDir = strLogPath.empty() ? ToviGetDefaultLogPath() : strLogPath;
 
   SyslogForwarder* forwarder = nullptr;
   if (!bTraceOff) {

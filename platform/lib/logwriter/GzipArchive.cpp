@@ -39,15 +39,15 @@ LogArchive::Outcome LogArchive::Compress(const std::string& name) {
   return done ? Outcome::Archived : Outcome::Failed;
 }
 
-bool LogArchive::GzipFile(int sourceFd, const std::string& target) {
+bool LogArchive::GzipFile(int sourceFd, const std::string& target) const {
   const std::string temporary = target + logfilenames::kTemporarySuffix;
   int outFd = -1;
-  toviport::CreateResult made = toviport::CreateNewFile(temporary, outFd);
+  toviport::CreateResult made = toviport::CreateNewFile(temporary, outFd, nullptr, m_fileMode);
   if (made == toviport::CreateResult::Exists) {
     // Left by a compression that died: whoever compresses holds the plain
     // file's lock, and that is now us.
     toviport::RemoveFile(temporary.c_str());
-    made = toviport::CreateNewFile(temporary, outFd);
+    made = toviport::CreateNewFile(temporary, outFd, nullptr, m_fileMode);
   }
   if (made != toviport::CreateResult::Created) return false;
   gzFile out = gzdopen(outFd, "wb");

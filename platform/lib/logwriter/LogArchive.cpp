@@ -24,8 +24,9 @@ bool EndsWith(const std::string& name, const std::string& suffix) {
 }
 }  // namespace
 
-LogArchive::LogArchive(const std::string& dir, const std::string& prefix, int kept)
-    : m_dir(dir), m_prefix(prefix), m_kept(kept) {}
+LogArchive::LogArchive(const std::string& dir, const std::string& prefix, int kept,
+                       unsigned fileMode)
+    : m_dir(dir), m_prefix(prefix), m_kept(kept), m_fileMode(fileMode) {}
 
 void LogArchive::SpareArchiveOf(const std::string& firstFile) {
   // The key is the name without ".log", so a prefix holding "." works too.

@@ -15,7 +15,8 @@
 class LogArchive {
 public:
   // dir ends in "/"; kept is how many archives of this prefix stay.
-  LogArchive(const std::string& dir, const std::string& prefix, int kept);
+  // fileMode: the mode archives are made with.
+  LogArchive(const std::string& dir, const std::string& prefix, int kept, unsigned fileMode);
   ~LogArchive() { Wait(); }
   LogArchive(const LogArchive&) = delete;
   LogArchive& operator=(const LogArchive&) = delete;
@@ -36,7 +37,7 @@ public:
   enum class Outcome { Archived, Busy, Failed };
   Outcome Compress(const std::string& name);
   // Compresses the open file into target; true when target is complete.
-  static bool GzipFile(int sourceFd, const std::string& target);
+  bool GzipFile(int sourceFd, const std::string& target) const;
 
 private:
   enum class Kind { PlainLog, CompressedLog, Tar, TarGz, Other };
@@ -48,6 +49,7 @@ private:
   const std::string m_dir;
   const std::string m_prefix;
   const int m_kept;
+  const unsigned m_fileMode;
   std::string m_sparedKey;
   // The archiving thread of the last roll-over, while it may still run, and
   // the name of the file it compresses.

@@ -22,6 +22,12 @@ constexpr std::size_t kLongestAddition =
     kTimeLength + sizeof kPlainSuffix + sizeof kArchiveSuffix + sizeof kTemporarySuffix - 3;
 static_assert(kLongestAddition == 26, "P + YYYYMMDD_HHMMSS.log.gz.tmp");
 
+// The modes of log files and archives, and of the directories a writer
+// makes, unless configured otherwise: readable by the owner's group, by
+// nobody else. The umask takes its share on top.
+constexpr unsigned kFileMode = 0640;
+constexpr unsigned kDirMode = 0750;
+
 }  // namespace logfilenames
 
 #endif

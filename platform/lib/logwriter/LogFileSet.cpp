@@ -69,7 +69,7 @@ bool LogFileSet::Create() {
 
   // The whole tree: the directory, or its parents too, may have been removed
   // while the writer ran.
-  toviport::MakeDirTree(m_settings.dir.c_str());
+  toviport::MakeDirTree(m_settings.dir.c_str(), m_settings.dirMode);
 
   int fd = -1;
   bool named = false;
@@ -84,7 +84,7 @@ bool LogFileSet::Create() {
     m_path = m_settings.dir + m_settings.prefix + stamp + logfilenames::kPlainSuffix;
     if (toviport::PathExists((m_path + logfilenames::kArchiveSuffix).c_str())) continue;
 
-    const toviport::CreateResult made = toviport::CreateNewFile(m_path, fd, &m_createError);
+    const toviport::CreateResult made = toviport::CreateNewFile(m_path, fd, &m_createError, m_settings.fileMode);
     if (made == toviport::CreateResult::Exists) continue;
     if (made == toviport::CreateResult::Failed) return false;
     // Held while the file is open: no writer of the same prefix compresses

@@ -44,6 +44,8 @@ public:
     std::string prefix;
     std::string header;
     uint32_t maxFileBytes = 0;
+    unsigned fileMode = 0;
+    unsigned dirMode = 0;
   };
   // archive takes the closed files; stop ends every wait for a file.
   // journal learns which records reached the file.

@@ -86,6 +86,8 @@ LogFileSet::Settings FileSettings(const LogWriterOptions& options, const std::st
   settings.prefix = options.prefix;
   settings.header = options.header;
   settings.maxFileBytes = options.maxFileBytes;
+  settings.fileMode = options.fileMode;
+  settings.dirMode = options.dirMode;
   return settings;
 }
 }  // namespace
@@ -94,7 +96,7 @@ ToviLogWriter::ToviLogWriter(const LogWriterOptions& options)
     : m_options(options),
       m_logPath(DirectoryOf(options)),
       m_queue(options.heldBackRecords),
-      m_archive(m_logPath, options.prefix, options.archivesKept),
+      m_archive(m_logPath, options.prefix, options.archivesKept, options.fileMode),
       m_files(FileSettings(options, m_logPath), *this, m_archive, m_journal, m_stopRequested),
       m_console(m_files),
       m_notice(m_logPath) {

@@ -27,6 +27,7 @@
 #include "ToviLogLevel.h"
 #include "logwriter/ConsoleOutput.h"
 #include "logwriter/LogArchive.h"
+#include "logwriter/LogFileNames.h"
 #include "logwriter/LogFileSet.h"
 #include "logwriter/RecordJournal.h"
 #include "logwriter/RecordQueue.h"
@@ -49,6 +50,8 @@ struct LogWriterOptions {
   unsigned heldBackRecords = 0;  // records without an output kept for an assertion
   unsigned maxFileBytes = 0;  // a file rolls over once it holds more
   int archivesKept = 0;       // compressed files of this prefix that stay
+  unsigned fileMode = logfilenames::kFileMode;  // log files and archives
+  unsigned dirMode = logfilenames::kDirMode;    // directories the writer makes
 };
 
 class ToviLogWriter final : private FileSetEvents {

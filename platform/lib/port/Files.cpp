@@ -22,22 +22,22 @@ bool PathExists(const char* path) {
   return ::access(path, F_OK) == 0;
 }
 
-static int MakeOneLevel(const std::string& path) {
+static int MakeOneLevel(const std::string& path, unsigned mode) {
   // EEXIST also covers a creator that won the race.
-  if (::mkdir(path.c_str(), 0777) == 0 || errno == EEXIST) return 0;
+  if (::mkdir(path.c_str(), static_cast<mode_t>(mode)) == 0 || errno == EEXIST) return 0;
   return errno;
 }
 
-int MakeDirTree(const char* path) {
+int MakeDirTree(const char* path, unsigned mode) {
   if (path == nullptr || *path == '\0') return EINVAL;
   const std::string full(path);
   // Each "/" that follows a name ends a parent; doubled and leading slashes
   // name no new level.
   for (std::size_t i = 1; i < full.size(); ++i) {
     if (full[i] != '/' || full[i - 1] == '/') continue;
-    if (const int error = MakeOneLevel(full.substr(0, i))) return error;
+    if (const int error = MakeOneLevel(full.substr(0, i), mode)) return error;
   }
-  if (full.back() != '/') return MakeOneLevel(full);
+  if (full.back() != '/') return MakeOneLevel(full, mode);
   return ::access(path, F_OK) == 0 ? 0 : errno;
 }
 
@@ -82,8 +82,9 @@ long MaxNameLength(const std::string& dir) {
   }
 }
 
-CreateResult CreateNewFile(const std::string& path, int& fd, int* error) {
-  fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+CreateResult CreateNewFile(const std::string& path, int& fd, int* error, unsigned mode) {
+  fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
+              static_cast<mode_t>(mode));
   if (fd >= 0) return CreateResult::Created;
   if (error != nullptr) *error = errno;
   return errno == EEXIST ? CreateResult::Exists : CreateResult::Failed;

@@ -17,7 +17,7 @@ bool PathExists(const char* path);
 // Creates the directory and every missing parent with the system's own
 // calls. Components that exist already, or that another creator makes at the
 // same moment, are fine. 0 when the directory exists afterwards.
-int MakeDirTree(const char* path);
+int MakeDirTree(const char* path, unsigned mode = 0777);
 
 struct FileStatus {
   bool isRegular = false;
@@ -41,7 +41,11 @@ long MaxNameLength(const std::string& dir);
 // On Created, fd holds the file opened for writing; on Failed, error says
 // why.
 enum class CreateResult { Created, Exists, Failed };
-CreateResult CreateNewFile(const std::string& path, int& fd, int* error = nullptr);
+// Never follows a link at path: a link planted where a file is to be made
+// cannot send it elsewhere. mode is the most the file gets; the umask takes
+// its share as for any file.
+CreateResult CreateNewFile(const std::string& path, int& fd, int* error = nullptr,
+                           unsigned mode = 0640);
 
 // Writes all of data, going on after short writes and interruptions; 0, or
 // the errno of the first failure. written says how much got through.
