@@ -19,6 +19,12 @@ bool WriteDebugConfig(const peerbench::fs::path& root) {
   out << "nEachProcessMaxZipNum=50\n";
   if (const char* size = std::getenv("BENCH_FILE_MB")) out << "nEachFileMaxSize=" << size << "\n";
   if (const char* target = std::getenv("BENCH_SYSLOG")) out << "syslog_target=" << target << "\n";
+  // For a tls:// target: a directory with ca.pem, client.pem and client.key.
+  if (const char* pki = std::getenv("BENCH_SYSLOG_TLS_DIR")) {
+    const std::string dir = std::string(pki) + "/";
+    out << "syslog_tls_ca_file=" << dir << "ca.pem\nsyslog_tls_cert_file=" << dir
+        << "client.pem\nsyslog_tls_key_file=" << dir << "client.key\n";
+  }
   return static_cast<bool>(out.flush());
 }
 

@@ -4,8 +4,8 @@
 #   scripts/install-deps.sh [further package...]
 set -euo pipefail
 
-packages=(cmake g++ make pkg-config binutils libace-dev zlib1g-dev libgtest-dev
-          libcli11-dev libre2-dev nlohmann-json3-dev rsyslog "$@")
+packages=(cmake g++ make pkg-config binutils libace-dev libace-ssl-dev zlib1g-dev libgtest-dev
+          libcli11-dev libre2-dev nlohmann-json3-dev rsyslog rsyslog-gnutls openssl "$@")
 missing=()
 for p in "${packages[@]}"; do
   if ! dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed'; then

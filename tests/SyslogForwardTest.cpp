@@ -20,12 +20,20 @@ namespace {
 // octet-counted frames and UDP), with no local socket and no system file.
 class Collector {
 public:
-  explicit Collector(bool tcp) : tcp_(tcp) {
+  // tls names the directory of ca.pem, server.pem and server.key: a TLS
+  // collector that wants a client certificate for "client.test".
+  explicit Collector(bool tcp, const std::string& tls = "") : tcp_(tcp) {
     const std::string p = std::to_string(port_);
+    const std::string gtls = "DefaultNetstreamDriver=\"gtls\" DefaultNetstreamDriverCAFile=\"" + tls +
+                             "ca.pem\" DefaultNetstreamDriverCertFile=\"" + tls +
+                             "server.pem\" DefaultNetstreamDriverKeyFile=\"" + tls + "server.key\" ";
     WriteFile(dir_ / "conf",
-              "global(workDirectory=\"" + dir_.path() +
-                  "\" parser.escapeControlCharactersOnReceive=\"off\")\n"
-                  "module(load=\"imtcp\")\nmodule(load=\"imudp\")\n"
+              "global(workDirectory=\"" + dir_.path() + "\" " + (tls.empty() ? "" : gtls) +
+                  "parser.escapeControlCharactersOnReceive=\"off\")\n" +
+                  (tls.empty() ? "module(load=\"imtcp\")\n"
+                               : "module(load=\"imtcp\" StreamDriver.Name=\"gtls\" StreamDriver.Mode=\"1\" "
+                                 "StreamDriver.AuthMode=\"x509/name\" PermittedPeer=[\"client.test\"])\n") +
+                  "module(load=\"imudp\")\n"
                   "input(type=\"imtcp\" port=\"" + p + "\" address=\"127.0.0.1\")\n"
                   "input(type=\"imudp\" port=\"" + p + "\" address=\"127.0.0.1\")\n"
                   "template(name=\"raw\" type=\"string\" string=\"%rawmsg%\\n<end>\\n\")\n"
@@ -35,6 +43,9 @@ public:
   }
   ~Collector() { Kill(); }
   std::string Target() const { return (tcp_ ? "tcp://127.0.0.1:" : "udp://127.0.0.1:") + std::to_string(port_); }
+  std::string TlsTarget(const std::string& host = "127.0.0.1") const {
+    return "tls://" + host + ":" + std::to_string(port_);
+  }
   // As in a crash.
   void Kill() {
     if (pid_ > 0) ::kill(pid_, SIGKILL), ::waitpid(pid_, nullptr, 0);
@@ -234,4 +245,109 @@ TEST(SyslogForward, CollectorKilledAndRestarted) {
   const std::string count = std::to_string(300 - kept.size() + lostNotices) + kDropped;
   EXPECT_EQ(notices, std::vector<std::string>{"<132>" + std::to_string(kept.size()) + count});
   EXPECT_NE(logged.find("syslog WARN: " + count + "\n"), std::string::npos);
+}
+
+// Runs the openssl command with args (no shell); true when it succeeded.
+static bool OpenSsl(const std::vector<std::string>& args) {
+  std::vector<char*> argv{const_cast<char*>("openssl")};
+  for (const std::string& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
+  argv.push_back(nullptr);
+  const pid_t pid = ::fork();
+  if (pid == 0) {
+    const int null = ::open("/dev/null", O_WRONLY);
+    ::dup2(null, 1), ::dup2(null, 2);
+    ::execvp("openssl", argv.data());
+    ::_exit(127);
+  }
+  int status = 0;
+  ::waitpid(pid, &status, 0);
+  return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+// A CA, and certificates it signs for name (with the SANs given), into dir.
+static bool MakeCa(const std::string& dir, const std::string& ca) {
+  return OpenSsl({"req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes",
+                  "-keyout", dir + ca + ".key", "-out", dir + ca + ".pem", "-days", "2", "-subj", "/CN=" + ca,
+                  "-addext", "basicConstraints=critical,CA:TRUE", "-addext", "keyUsage=critical,keyCertSign"});
+}
+static bool Sign(const std::string& dir, const std::string& ca, const std::string& name, const std::string& sans,
+                 const std::string& usage) {
+  WriteFile(dir + name + ".ext", "subjectAltName=" + sans + "\nextendedKeyUsage=" + usage + "\n");
+  return OpenSsl({"req", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes", "-keyout",
+                  dir + name + ".key", "-out", dir + name + ".csr", "-subj", "/CN=" + name}) &&
+         OpenSsl({"x509", "-req", "-in", dir + name + ".csr", "-CA", dir + ca + ".pem", "-CAkey", dir + ca + ".key",
+                  "-CAcreateserial", "-out", dir + name + ".pem", "-days", "2", "-extfile", dir + name + ".ext"});
+}
+
+// Forwarding over TLS to a real rsyslogd that checks certificates both
+// ways: every record arrives once, in order, also across a restart of the
+// collector; a collector the CA did not sign, one with another name, and a
+// client without a certificate get no record, and the main log says why;
+// a plain listener behind a tls:// target never sees a record's text.
+TEST(SyslogForward, OverTlsWithVerifiedCertificates) {
+  TempDir pki;
+  const std::string good = pki / "good/", wrongCa = pki / "wrongca/", wrongName = pki / "wrongname/";
+  for (const std::string& d : {good, wrongCa, wrongName}) std::filesystem::create_directories(d);
+  ASSERT_TRUE(MakeCa(pki.path(), "ca") && MakeCa(pki.path(), "other") &&
+              Sign(pki.path(), "ca", "server", "DNS:localhost,IP:127.0.0.1", "serverAuth") &&
+              Sign(pki.path(), "ca", "client.test", "DNS:client.test", "clientAuth") &&
+              Sign(pki.path(), "other", "foreign", "DNS:localhost,IP:127.0.0.1", "serverAuth") &&
+              Sign(pki.path(), "ca", "elsewhere", "DNS:elsewhere.test", "serverAuth"))
+      << "openssl could not make the test certificates";
+  const auto install = [&](const std::string& dir, const std::string& cert) {
+    std::filesystem::copy_file(pki / "ca.pem", dir + "ca.pem");
+    std::filesystem::copy_file(pki / (cert + ".pem"), dir + "server.pem");
+    std::filesystem::copy_file(pki / (cert + ".key"), dir + "server.key");
+  };
+  install(good, "server"), install(wrongCa, "foreign"), install(wrongName, "elsewhere");
+  const std::string client = "\nsyslog_tls_ca_file=" + pki / "ca.pem" + "\nsyslog_tls_cert_file=" +
+                             pki / "client.test.pem" + "\nsyslog_tls_key_file=" + pki / "client.test.key" + "\n";
+  const auto texts = [](Collector& c) {
+    std::vector<std::string> got;
+    for (const std::string& m : c.Messages())
+      if (m.find(" Tls [") != std::string::npos) got.push_back(m.substr(m.find("\"] ") + 3));
+    return got;
+  };
+
+  {  // Every record, once, in order, across a restart of the collector.
+    Collector collector(true, good);
+    std::unique_ptr<MgrRoot> setup;
+    ASSERT_TRUE(Init(setup, collector.TlsTarget("localhost") + client));
+    std::vector<std::string> want;
+    for (int i = 0; i < 50; ++i) EXPECT_TRUE(Trace("Tls", 3, want.emplace_back("r" + std::to_string(i))));
+    EXPECT_TRUE(WaitUntil([&] { return texts(collector).size() >= 50; }));
+    collector.Kill();
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    for (int i = 50; i < 60; ++i) EXPECT_TRUE(Trace("Tls", 3, want.emplace_back("r" + std::to_string(i))));
+    collector.Listen();
+    EXPECT_TRUE(WaitUntil([&] { return texts(collector).size() >= 60; }));
+    ToviDebugMgr::Destroy();
+    EXPECT_EQ(texts(collector), want);
+  }
+  // Refusals: nothing arrives, and the main log says why.
+  const std::vector<std::tuple<std::string, std::string, std::string>> refusals = {
+      {wrongCa, client, "certificate verify failed"},
+      {wrongName, client, "certificate verify failed: IP address mismatch"},
+      {good, "\nsyslog_tls_ca_file=" + pki / "ca.pem" + "\n", "no TLS session with syslog collector"}};
+  for (const auto& [dir, keys, why] : refusals) {
+    SCOPED_TRACE(why);
+    Collector collector(true, dir);
+    std::unique_ptr<MgrRoot> setup;
+    ASSERT_TRUE(Init(setup, collector.TlsTarget() + keys));
+    for (int i = 0; i < 5; ++i) EXPECT_TRUE(Trace("Tls", 3, "secret " + std::to_string(i)));
+    EXPECT_TRUE(WaitUntil([&] { return AllLogs(setup->logs.path()).find(why) != std::string::npos; }));
+    ToviDebugMgr::Destroy();
+    EXPECT_TRUE(texts(collector).empty());
+    EXPECT_EQ(Occurrences(AllLogs(setup->logs.path()), "syslog WARN: no TLS session") +
+                  Occurrences(AllLogs(setup->logs.path()), "syslog WARN: cannot reach"), 1u);
+  }
+  {  // A plain listener never sees clear text.
+    Collector plain(true);
+    std::unique_ptr<MgrRoot> setup;
+    ASSERT_TRUE(Init(setup, plain.TlsTarget() + client));
+    for (int i = 0; i < 5; ++i) EXPECT_TRUE(Trace("Tls", 3, "secret " + std::to_string(i)));
+    std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+    ToviDebugMgr::Destroy();
+    for (const std::string& m : plain.Messages()) EXPECT_EQ(m.find("secret"), std::string::npos) << m;
+  }
 }

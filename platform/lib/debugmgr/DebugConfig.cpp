@@ -149,6 +149,7 @@ DebugSettings ReadDebugSettings(const std::string& requestedFile) {
 
 SyslogKeys ReadSyslogKeys(const std::string& debugFile) {
   const SettingReader settings(debugFile, ToviGetDefaultCfgFile());
-  return {settings.StringOr("syslog_target", ""), settings.StringOr("syslog_facility", ""),
-          settings.StringOr("syslog_buffer_kb", "")};
+  return {settings.StringOr("syslog_target", ""),       settings.StringOr("syslog_facility", ""),
+          settings.StringOr("syslog_buffer_kb", ""),    settings.StringOr("syslog_tls_ca_file", ""),
+          settings.StringOr("syslog_tls_cert_file", ""), settings.StringOr("syslog_tls_key_file", "")};
 }

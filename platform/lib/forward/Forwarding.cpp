@@ -21,7 +21,8 @@ SyslogForwarder* StartForwarding(const SyslogKeys& keys, const std::string& appN
                                  ToviLogWriter& mainWriter) {
   SyslogForwarder::Settings settings;
   std::string why;
-  if (!SyslogForwarder::Parse(keys.target, keys.facility, keys.bufferKb, settings, why)) {
+  if (!SyslogForwarder::Parse(keys.target, keys.facility, keys.bufferKb, settings, why) ||
+      !SyslogForwarder::ParseTls(keys.tlsCaFile, keys.tlsCertFile, keys.tlsKeyFile, settings, why)) {
     const std::string line = "syslog forwarding off: " + why;
     mainWriter.AddLog(kNoticeSubModule, LEVEL_WARN, line.c_str(), nullptr, false, true);
     return nullptr;

@@ -13,6 +13,10 @@ struct SyslogKeys {
   std::string target;
   std::string facility;
   std::string bufferKb;
+  // For tls:// targets: PEM files.
+  std::string tlsCaFile;
+  std::string tlsCertFile;
+  std::string tlsKeyFile;
 };
 
 // Starts the process's forwarder as keys ask and forwards the main writer's

@@ -42,16 +42,37 @@ bool SyslogForwarder::Parse(const std::string& target, const std::string& facili
   const std::size_t scheme = target.find("://");
   const std::string kind = scheme == std::string::npos ? "" : target.substr(0, scheme);
   const std::size_t colon = target.rfind(':');
-  const bool shaped = (kind == "tcp" || kind == "udp") && colon > scheme + 3;
+  const bool shaped = (kind == "tcp" || kind == "udp" || kind == "tls") && colon > scheme + 3;
   char* end = nullptr;
   const long port = shaped ? std::strtol(target.c_str() + colon + 1, &end, 10) : 0;
   if (!shaped || end == target.c_str() + colon + 1 || *end != '\0' || port < 1 || port > 65535) {
-    why = "syslog_target \"" + target + "\" is not tcp://HOST:PORT or udp://HOST:PORT";
+    why = "syslog_target \"" + target + "\" is not tcp://HOST:PORT, tls://HOST:PORT or udp://HOST:PORT";
     return false;
   }
-  out.tcp = kind == "tcp";
+  out.transport = kind == "tcp"   ? toviport::Transport::kTcp
+                  : kind == "tls" ? toviport::Transport::kTls
+                                  : toviport::Transport::kUdp;
   out.host = target.substr(scheme + 3, colon - scheme - 3);
   out.port = static_cast<unsigned short>(port);
+  return true;
+}
+
+bool SyslogForwarder::ParseTls(const std::string& caFile, const std::string& certFile,
+                               const std::string& keyFile, Settings& out, std::string& why) {
+  if (out.transport != toviport::Transport::kTls) return true;
+  for (const auto& [key, file] : {std::pair<const char*, const std::string*>{"syslog_tls_ca_file", &caFile},
+                                  {"syslog_tls_cert_file", &certFile},
+                                  {"syslog_tls_key_file", &keyFile}}) {
+    if (!file->empty() && !toviport::Readable(*file)) {
+      why = std::string(key) + " \"" + *file + "\" cannot be read";
+      return false;
+    }
+  }
+  if (certFile.empty() != keyFile.empty()) {
+    why = "syslog_tls_cert_file and syslog_tls_key_file go together";
+    return false;
+  }
+  out.tls = {caFile, certFile, keyFile};
   return true;
 }
 
@@ -60,7 +81,7 @@ SyslogForwarder::SyslogForwarder(const Settings& settings,
     : m_settings(settings),
       m_wake(m_lock),
       m_notify(std::move(notify)),
-      m_socket(settings.host, settings.port, settings.tcp, kNetworkWaitMs) {
+      m_socket(settings.host, settings.port, settings.transport, kNetworkWaitMs, settings.tls) {
   m_started = toviport::StartThread(&SyslogForwarder::Run, this, m_thread);
 }
 
@@ -124,6 +145,9 @@ void SyslogForwarder::Stop() {
 void* SyslogForwarder::Run(void* arg) {
   SyslogForwarder* forwarder = static_cast<SyslogForwarder*>(arg);
   forwarder->m_threadRole.Claim();
+  // A TLS write to a collector that went away raises SIGPIPE on this
+  // thread; held pending here, it never ends the process.
+  toviport::BlockPipeSignal();
   forwarder->Loop();
   return nullptr;
 }
@@ -148,11 +172,15 @@ bool SyslogForwarder::Connect() {
     m_lastError.clear();
     return true;
   }
-  const std::string error =
-      opened == toviport::CollectorSocket::OpenResult::Unresolved
-          ? "cannot resolve syslog collector host \"" + m_settings.host + "\""
-          : "cannot reach syslog collector " + m_settings.host + ":" +
-                std::to_string(m_settings.port);
+  const std::string where = m_settings.host + ":" + std::to_string(m_settings.port);
+  std::string error;
+  if (opened == toviport::CollectorSocket::OpenResult::Unresolved) {
+    error = "cannot resolve syslog collector host \"" + m_settings.host + "\"";
+  } else if (opened == toviport::CollectorSocket::OpenResult::Refused) {
+    error = "no TLS session with syslog collector " + where + ": " + m_socket.Why();
+  } else {
+    error = "cannot reach syslog collector " + where;
+  }
   // Said once per kind of failure, not once per attempt.
   if (error != m_lastError) Notify(error);
   m_lastError = error;
@@ -161,7 +189,7 @@ bool SyslogForwarder::Connect() {
 
 bool SyslogForwarder::Send(const std::string& chunk, std::size_t& offset) {
   m_threadRole.AssertHeld();
-  if (m_settings.tcp) {
+  if (m_settings.transport != toviport::Transport::kUdp) {
     if (m_socket.PeerClosed()) return false;
     std::size_t sent = 0;
     const bool whole = m_socket.SendStream(chunk.data() + offset, chunk.size() - offset, sent);

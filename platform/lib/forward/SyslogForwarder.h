@@ -26,7 +26,8 @@
 class SyslogForwarder {
 public:
   struct Settings {
-    bool tcp = true;
+    toviport::Transport transport = toviport::Transport::kTcp;
+    toviport::TlsFiles tls;
     std::string host;
     unsigned short port = 0;
     int facility = 16;
@@ -39,6 +40,10 @@ public:
   // An empty target gives true with host empty: forwarding is off.
   static bool Parse(const std::string& target, const std::string& facility,
                     const std::string& bufferKb, Settings& out, std::string& why);
+  // The TLS files, after Parse; false with why set when one cannot be read
+  // or a certificate comes without its key. Only a tls:// target reads them.
+  static bool ParseTls(const std::string& caFile, const std::string& certFile,
+                       const std::string& keyFile, Settings& out, std::string& why);
 
   // notify writes one line into the main log file; it is called from the
   // forwarder's thread until Stop begins.

@@ -156,6 +156,8 @@ bool PathNamesOpenFile(const std::string& path, int fd) {
   return named.st_dev == open.st_dev && named.st_ino == open.st_ino;
 }
 
+bool Readable(const std::string& path) { return ::access(path.c_str(), R_OK) == 0; }
+
 int RemoveFile(const char* path) {
   if (path == nullptr) return EINVAL;
   return std::remove(path) == 0 ? 0 : errno;

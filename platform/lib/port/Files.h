@@ -86,6 +86,9 @@ int ShortenFile(const std::string& path, int64_t size);
 // file that works.
 bool PathNamesOpenFile(const std::string& path, int fd);
 
+// The file at path can be opened for reading.
+bool Readable(const std::string& path);
+
 // Removes a file (or an empty directory in its place).
 int RemoveFile(const char* path);
 

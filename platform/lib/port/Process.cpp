@@ -8,6 +8,8 @@
 #include <cstdlib>
 
 #include <poll.h>
+#include <pthread.h>
+#include <signal.h>
 #include <stdio_ext.h>
 #include <unistd.h>
 
@@ -18,6 +20,13 @@ namespace toviport {
 const char* GetEnv(const char* name) {
   if (name == nullptr) return nullptr;
   return std::getenv(name);
+}
+
+void BlockPipeSignal() {
+  sigset_t pipe;
+  ::sigemptyset(&pipe);
+  ::sigaddset(&pipe, SIGPIPE);
+  ::pthread_sigmask(SIG_BLOCK, &pipe, nullptr);
 }
 
 uint32_t CurrentProcessId() { return static_cast<uint32_t>(::getpid()); }

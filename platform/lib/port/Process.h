@@ -13,6 +13,9 @@ namespace toviport {
 // The value of an environment variable, or null when it is not set.
 const char* GetEnv(const char* name);
 
+// Keeps SIGPIPE pending on the calling thread instead of delivering it.
+void BlockPipeSignal();
+
 // The id of the process.
 uint32_t CurrentProcessId();
 
