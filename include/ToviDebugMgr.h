@@ -19,6 +19,7 @@
 #include "ToviLogLevel.h"
 
 class AsnType;
+class ConfigWatch;
 class CrashReporter;
 class ToviDebugEngine;
 class ToviInterString;
@@ -97,6 +98,8 @@ private:
   SyslogForwarder* m_pSyslogForwarder;
   // Writes a crash report on a fatal signal; null when off.
   CrashReporter* m_pCrashReporter;
+  // Follows the debug file while the process runs; null when off.
+  ConfigWatch* m_pConfigWatch;
 };
 
 #endif

@@ -122,3 +122,36 @@ TEST(DebugMgr, EnginesAndManagerOutliveTheCallsInThem) {
     ToviDebugMgr::Destroy();
   }
 }
+
+// The debug file followed while the process runs: a replaced file that
+// raises one sub-module's level takes effect within the interval, with one
+// line naming it; a level the program raised stays while the file's key for
+// it is unchanged; a file that cannot be read changes nothing and is said
+// once; the limits stay as Init read them.
+TEST(DebugMgr, LevelsFollowTheDebugFileWhileRunning) {
+  const std::string first = "nConfigReloadSec=1\nnet_level=1\nnet_output=01\napi_level=1\napi_output=01\n";
+  MgrRoot inst(first);
+  ToviDebugMgr* mgr = ToviDebugMgr::Instance();
+  ASSERT_TRUE(mgr->Init("rl", "", inst.logs.path(), "", false, false));
+  ASSERT_TRUE(mgr->SetLogLevel("api", LEVEL_INFO, true));
+  EXPECT_TRUE(mgr->Trace("net", LEVEL_INFO, "not yet", nullptr, false, false));
+  // An editor's save: a new file renamed over the old one.
+  WriteFile(inst.Conf("new.cfg"), first + "net_level=1001\n");
+  std::filesystem::rename(inst.Conf("new.cfg"), inst.Conf("default_debug.cfg"));
+  const auto logged = [&](const std::string& text) { return OnlyLog(inst.logs.path()).find(text) != std::string::npos; };
+  int n = 0;
+  EXPECT_TRUE(WaitUntil([&] {
+    mgr->Trace("net", LEVEL_INFO, ("raised " + std::to_string(n++)).c_str(), nullptr, false, false);
+    return logged("net INFO: raised ");
+  }, std::chrono::seconds(10)));
+  EXPECT_TRUE(logged("MRB INFO: debug configuration reloaded: 1 sub-module(s) changed: net\n"));
+  EXPECT_FALSE(logged("not yet"));
+  EXPECT_EQ(MasksOf("api"), Masks(Bits({0, 3}), Bits({1})));
+  // Gone: nothing changes, and it is said once.
+  std::filesystem::rename(inst.Conf("default_debug.cfg"), inst.Conf("away.cfg"));
+  EXPECT_TRUE(WaitUntil([&] { return logged("debug configuration not reloaded: "); }, std::chrono::seconds(10)));
+  std::this_thread::sleep_for(std::chrono::milliseconds(2500));
+  EXPECT_EQ(MasksOf("net"), Masks(Bits({0, 3}), Bits({1})));
+  ToviDebugMgr::Destroy();
+  EXPECT_EQ(Occurrences(OnlyLog(inst.logs.path()), "debug configuration not reloaded: "), 1u);
+}

@@ -24,6 +24,9 @@ constexpr NumberKey kZipFileIncludeFileNum{"nZipFileIncludeFileNum", 1, 50, 10};
 // 1: a fatal signal leaves a crash report in the main log; 0: the process
 // dies as it would without the library.
 constexpr NumberKey kCrashHandler{"crash_handler", 0, 1, 1};
+// Seconds between looks at the debug file for changed sub-module masks
+// while the process runs; 0: never.
+constexpr NumberKey kConfigReloadSec{"nConfigReloadSec", 0, 3600, 2};
 // Octal modes of log files and archives, and of the log directories the
 // library makes (defaults in logwriter/LogFileNames.h).
 constexpr char kLogFileMode[] = "log_file_mode";

@@ -113,6 +113,7 @@ DebugSettings ReadDebugSettings(const std::string& requestedFile) {
   out.filesPerArchive =
       InRangeOrFallback(settings.IntOr(kZipFileIncludeFileNum), kZipFileIncludeFileNum);
   out.crashHandler = InRangeOrFallback(settings.IntOr(kCrashHandler), kCrashHandler) == 1;
+  out.reloadSec = InRangeOrFallback(settings.IntOr(kConfigReloadSec), kConfigReloadSec);
   out.fileMode = ModeOr(settings.StringOr(kLogFileMode, ""), logfilenames::kFileMode);
   out.dirMode = ModeOr(settings.StringOr(kLogDirMode, ""), logfilenames::kDirMode);
 
@@ -146,6 +147,11 @@ DebugSettings ReadDebugSettings(const std::string& requestedFile) {
   }
   return out;
 }
+
+std::bitset<32> LevelMaskOf(const std::string& text) { return BoundMask(MaskOr(text, kLevelDefault)); }
+std::bitset<32> OutputMaskOf(const std::string& text) { return BoundMask(MaskOr(text, kOutputDefault)); }
+std::bitset<32> DefaultLevelMask() { return BoundMask(Mask(kLevelDefault)); }
+std::bitset<32> DefaultOutputMask() { return BoundMask(Mask(kDefaultModuleOutput)); }
 
 SyslogKeys ReadSyslogKeys(const std::string& debugFile) {
   const SettingReader settings(debugFile, ToviGetDefaultCfgFile());

@@ -22,6 +22,7 @@ struct DebugSettings {
   int archivesKept = 0;
   int filesPerArchive = 0;
   bool crashHandler = true;
+  int reloadSec = 0;
   unsigned fileMode = 0;
   unsigned dirMode = 0;
   // The sub-modules' masks, as Init registers them.
@@ -35,6 +36,14 @@ DebugSettings ReadDebugSettings(const std::string& requestedFile);
 // Parses a mask. Only the last 32 characters count; an empty text sets no
 // bit. False, with mask untouched, when a counted character is not 0 or 1.
 bool ParseBitString(const std::string& text, std::bitset<32>& mask);
+
+// The masks a sub-module gets from its keys' texts, as Init reads them:
+// "<name>_level" (with the default output) and "<name>_output" (with the
+// default level), each bounded as Init bounds it.
+std::bitset<32> LevelMaskOf(const std::string& text);
+std::bitset<32> OutputMaskOf(const std::string& text);
+std::bitset<32> DefaultLevelMask();
+std::bitset<32> DefaultOutputMask();
 
 // The forwarding keys as written, from the debug file, else from the
 // product file; empty when absent.

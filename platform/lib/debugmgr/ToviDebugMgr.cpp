@@ -19,8 +19,10 @@
 #include "ToviBaseUtil.h"
 #include "ToviDebugMgr.h"
 #include "debugmgr/CallGate.h"
+#include "debugmgr/ConfigWatch.h"
 #include "debugmgr/DebugConfig.h"
 #include "debugmgr/EngineSlot.h"
+#include "debugmgr/LibraryObjects.h"
 #include "debugmgr/NameRules.h"
 #include "debugmgr/PrintfDefaults.h"
 #include "debugmgr/SubModuleRegistry.h"
@@ -77,6 +79,22 @@ CrashReporter* StartCrashReports(WriterTable& writers) {
   delete reporter;  // another manager's, or the signals could not be hooked
   return nullptr;
 }
+// Looks at the debug file from the main writer's thread.
+ConfigWatch* WatchConfig(const DebugSettings& settings, SubModuleRegistry& registry,
+                         WriterTable& writers) {
+  ToviLogWriter* main = writers.Main();
+  if (main == nullptr) return nullptr;
+  ConfigWatch* watch = nullptr;
+  try {
+    watch = new ConfigWatch(settings.file, registry);
+    main->SetPeriodicTask(static_cast<unsigned>(settings.reloadSec) * 1000, g_strLibrarySubModule,
+                          [watch] { return watch->Check(); });
+  } catch (...) {
+    delete watch;
+    return nullptr;
+  }
+  return watch;
+}
 }  // namespace
 
 ToviDebugMgr::ToviDebugMgr()
@@ -87,7 +105,8 @@ ToviDebugMgr::ToviDebugMgr()
       m_bInit(false),
       m_bTraceOff(false),
       m_pSyslogForwarder(nullptr),
-      m_pCrashReporter(nullptr) {}
+      m_pCrashReporter(nullptr),
+      m_pConfigWatch(nullptr) {}
 
 ToviDebugMgr* ToviDebugMgr::Instance() {
   ToviDebugMgr* manager = m_pInstance.load(std::memory_order_acquire);
@@ -127,6 +146,8 @@ ToviDebugMgr::~ToviDebugMgr() {
   // The forwarder's lines go into the main writer, which is about to go.
   if (m_pSyslogForwarder != nullptr) m_pSyslogForwarder->DisableNotify();
   delete m_pWriters;
+  // After the writers: the main writer's thread looks through it.
+  delete m_pConfigWatch;
   // Last, so that it gets what the writers wrote at their stop.
   delete m_pSyslogForwarder;
   delete m_pDefaults;
@@ -169,6 +190,7 @@ bool ToviDebugMgr::Init(const std::string& strName, const std::string& strDebugC
   }
   m_pSyslogForwarder = forwarder;
   if (!bTraceOff && settings.crashHandler) m_pCrashReporter = StartCrashReports(*m_pWriters);
+  if (!bTraceOff && settings.reloadSec > 0) m_pConfigWatch = WatchConfig(settings, *m_pRegistry, *m_pWriters);
   m_bTraceOff.store(bTraceOff, std::memory_order_release);
   m_bInit.store(true, std::memory_order_release);
   return true;

@@ -20,6 +20,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -77,6 +78,12 @@ public:
   // already.
   bool AttachSink(std::unique_ptr<RecordSink> sink);
 
+  // From now on the writer thread calls task about every intervalMs, and
+  // writes what it returns (when not empty) as a record of subModule at
+  // INFO level into the file. Set once, before records come.
+  void SetPeriodicTask(unsigned intervalMs, std::string subModule,
+                       std::function<std::string()> task);
+
   // Waits until every record queued so far has been handed to the sinks and
   // the file's batch to the kernel, or until deadline (SteadyMs); false
   // when the deadline came first.
@@ -100,6 +107,8 @@ private:
   void ReportDropped();
   // Writes what dead writers of the same prefix left in their journals.
   void WriteRecovered();
+  // Runs the periodic task when it is due.
+  void RunPeriodicTask();
   // The stop sequence's count of what a queue still holds.
   void WriteStopLine(std::string_view what, std::size_t count, bool counted);
 
@@ -120,6 +129,12 @@ private:
   UnwritableNotice m_notice;
   // The journal could not be made even with a usable directory (said once).
   bool m_journalRefused = false;
+  // Set before the writer has records; then the writer thread's.
+  std::function<std::string()> m_task;
+  std::string m_taskSubModule;
+  unsigned m_taskIntervalMs = 0;
+  int64_t m_taskDueMs = 0;
+  std::atomic<bool> m_taskSet{false};
   // The state above that the writer thread alone touches while it runs; the
   // stop sequence takes the role over once that thread has ended.
   toviport::ThreadRole m_writerRole;

@@ -156,6 +156,16 @@ bool PathNamesOpenFile(const std::string& path, int fd) {
   return named.st_dev == open.st_dev && named.st_ino == open.st_ino;
 }
 
+int StampOf(const std::string& path, FileStamp& stamp) {
+  struct stat st;
+  if (::stat(path.c_str(), &st) != 0) return errno;
+  stamp.device = static_cast<uint64_t>(st.st_dev);
+  stamp.inode = static_cast<uint64_t>(st.st_ino);
+  stamp.modifiedNs = static_cast<int64_t>(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec;
+  stamp.size = static_cast<int64_t>(st.st_size);
+  return 0;
+}
+
 bool Readable(const std::string& path) { return ::access(path.c_str(), R_OK) == 0; }
 
 int RemoveFile(const char* path) {

@@ -27,6 +27,20 @@ struct FileStatus {
 // Status of a path, following symbolic links; false when it cannot be read.
 bool GetFileStatus(const char* path, FileStatus& status);
 
+// What tells one version of a file from another: its identity (so that an
+// editor's replace-by-rename shows) and its modification time.
+struct FileStamp {
+  uint64_t device = 0;
+  uint64_t inode = 0;
+  int64_t modifiedNs = 0;
+  int64_t size = 0;
+  bool operator==(const FileStamp& o) const {
+    return device == o.device && inode == o.inode && modifiedNs == o.modifiedNs && size == o.size;
+  }
+};
+// 0, or the errno of the failed look.
+int StampOf(const std::string& path, FileStamp& stamp);
+
 // The absolute, resolved form of a directory, ending in "/". When it cannot
 // be formed (the directory is gone, say) the path comes back unchanged.
 std::string FullDirPath(const std::string& dir);
