@@ -4,6 +4,7 @@
 // time stamps, the merge, the JSON and text output, and the filters.
 #include "TovilogRun.h"
 #include "logwriter/RecordJournal.h"
+#include "logwriter/TimeStamp.h"
 #include "logwriter/ToviLogRecord.h"
 
 namespace fs = std::filesystem;
@@ -200,7 +201,8 @@ TEST(TovilogEvents, RecoveredRecordsAndTheCrashReport) {
     dead.FindDead(dir.path(), "rec");
     int error = 0;
     ASSERT_TRUE(dead.Create(error)) << error;
-    char stamp[] = "2026-11-25 10:00:00.000001";
+    char stamp[timestamp::kLength + 1];
+    timestamp::FormatNow(stamp);
     char text[] = "m INFO: kept 0";
     ToviLogRecord record;
     record.m_pTime = stamp, record.m_pText = text, record.m_nTextLen = sizeof text - 1, record.m_nThreadId = 0x2a;
@@ -225,4 +227,18 @@ TEST(TovilogEvents, RecoveredRecordsAndTheCrashReport) {
                                             "kept 0", "kept 1",
                                             R"(["#0 0x1 a.out+0x1 f() f.cpp:1","#1 0x2 libc.so.6+0x2"])"}));
   EXPECT_EQ(ListDir(dir.path(), true), ListDir(dir.path())) << "the dead journal stays";
+  // journalctl's words and short options say what the long forms say.
+  const std::time_t now = std::time(nullptr);
+  std::tm day{};
+  ::localtime_r(&now, &day);
+  day.tm_mday -= 1, day.tm_hour = day.tm_min = day.tm_sec = 0, day.tm_isdst = -1;
+  const std::time_t midnight = std::mktime(&day);
+  char iso[32];
+  std::strftime(iso, sizeof iso, "%Y-%m-%dT%H:%M:%S", std::localtime(&midnight));
+  const Result words = RunTovilog({dir.path(), "--since", "yesterday", "--until", "now", "-p", "INFO", "-o", "json"});
+  const Result longs = RunTovilog({dir.path(), "--since", iso, "--level", "INFO", "--json"});
+  EXPECT_EQ(words.status, 0) << words.err;
+  EXPECT_EQ(words.out, longs.out);
+  EXPECT_NE(words.out.find("kept 1"), std::string::npos);
+  EXPECT_EQ(RunTovilog({dir.path(), "-o", "xml"}).status, 2);
 }

@@ -88,9 +88,10 @@ std::optional<int> ParseOptions(int argc, char** argv, Options& o) {
                  "directories; repeatable (e.g. --prefix mysvc --prefix mysvcbilling_)")
       ->type_name("NAME");
   app.add_option("--since", since,
-                 "Records at or after this time: a date and time, a time of day meaning "
-                 "today, or a time back from now in s, m, h or d (e.g. --since '2026-11-23 "
-                 "09:15', --since 09:15, --since -15m)")
+                 "Records at or after this time: a date and time (a blank or T between), a "
+                 "time of day meaning today, now, today, yesterday, or a time back from now in "
+                 "s, m, h or d (e.g. --since '2026-11-23 09:15', --since 2026-11-23T09:15:02, "
+                 "--since 09:15, --since yesterday, --since -15m)")
       ->type_name("TIME");
   app.add_option("--until", until,
                  "Records before this time, in the same forms (e.g. --until 2026-11-24)")
@@ -99,7 +100,7 @@ std::optional<int> ParseOptions(int argc, char** argv, Options& o) {
                  "Records of this sub-module; * matches any characters; repeatable "
                  "(e.g. --module net --module 'db*')")
       ->type_name("NAME");
-  app.add_option("--level", levels,
+  app.add_option("-p,--level", levels,
                  "Records of this level: ASSERT, ERROR, WARN, INFO or a number 0-31 (levels "
                  "4-31 are not marked in the files and count as one level, 4-31); a "
                  "trailing + adds the more severe levels; repeatable (e.g. --level ERROR+)")
@@ -114,6 +115,14 @@ std::optional<int> ParseOptions(int argc, char** argv, Options& o) {
       ->type_name("RE2");
   app.add_flag("-i,--ignore-case", o.ignoreCase,
                "Match --grep without regard to case (e.g. -i --grep timeout)");
+  app.add_option_function<std::string>(
+         "-o,--output",
+         [&o](const std::string& format) {
+           if (format != "json") throw CLI::ValidationError("--output", "only json is known");
+           o.json = true;
+         },
+         "Output format; json is the same as --json (e.g. -o json)")
+      ->type_name("FORMAT");
   app.add_flag("--json", o.json,
                "One JSON object per line: time (ISO 8601 with microseconds and zone offset), "
                "writer, file, thread, module, level, text and asn (e.g. --json | jq .text)");

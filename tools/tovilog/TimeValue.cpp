@@ -29,6 +29,11 @@ bool ParseTimeValue(const std::string& text, int64_t now, int64_t& wall) {
     wall = now;
     return true;
   }
+  // The start of today or of yesterday, as journalctl takes them.
+  if (text == "today" || text == "yesterday") {
+    const CivilDate day = CivilFromDays(DayOf(now) - (text == "yesterday" ? 1 : 0));
+    return MakeWall(day.year, day.month, day.day, 0, 0, 0, 0, wall);
+  }
   std::string year, month, day, hour, minute, second, fraction;
   if (RE2::FullMatch(text, kFull, &year, &month, &day, &hour, &minute, &second, &fraction)) {
     return MakeWall(Number(year), Number(month), Number(day), Number(hour), Number(minute),
