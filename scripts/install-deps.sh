@@ -5,7 +5,7 @@
 set -euo pipefail
 
 packages=(cmake g++ make pkg-config binutils libace-dev libace-ssl-dev zlib1g-dev libgtest-dev
-          libcli11-dev libre2-dev nlohmann-json3-dev rsyslog rsyslog-gnutls openssl "$@")
+          libcli11-dev libre2-dev nlohmann-json3-dev rsyslog rsyslog-gnutls openssl lnav "$@")
 missing=()
 for p in "${packages[@]}"; do
   if ! dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed'; then
