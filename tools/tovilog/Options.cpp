@@ -73,6 +73,7 @@ std::optional<int> Resolve(Options& o, const std::string& since, const std::stri
 
 std::optional<int> ParseOptions(int argc, char** argv, Options& o) {
   CLI::App app(kDescription, "tovilog");
+  app.set_version_flag("--version", std::string("tovilog ") + TOVI_VERSION);
   app.footer(kExamples);
   app.get_formatter()->column_width(28);
   std::string since, until;
