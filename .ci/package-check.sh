@@ -8,7 +8,7 @@ root=$(cd "$(dirname "$0")/.." && pwd)
 "$root/scripts/install-deps.sh" debhelper devscripts lintian help2man fakeroot
 work=$(mktemp -d)
 packages=(tovilog libtovibaseutil-dev libtovibaseutil1)
-cleanup() { dpkg -r "${packages[@]}" >/dev/null 2>&1 || true; rm -rf "$work"; }
+cleanup() { dpkg -P "${packages[@]}" >/dev/null 2>&1 || true; rm -rf "$work"; }
 trap cleanup EXIT
 
 mkdir "$work/src"
