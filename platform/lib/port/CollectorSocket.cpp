@@ -157,6 +157,10 @@ CollectorSocket::OpenResult CollectorSocket::OpenTls() {
 void CollectorSocket::Close() {
   if (!m_open) return;
   if (m_transport == Transport::kTls) {
+    // No close_notify: writing it to a collector that went away would raise
+    // SIGPIPE on whichever thread closes (a Destroy's, say), or wait on a
+    // collector that stopped reading. The collector sees the connection end.
+    SSL_set_quiet_shutdown(m_tlsStream->ssl(), 1);
     m_tlsStream->close();
     m_tlsStream.reset();
   } else if (m_transport == Transport::kTcp) {
