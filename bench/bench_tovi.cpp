@@ -5,6 +5,7 @@
 #include <string>
 
 #include "ToviDebugMgr.h"
+#include "ToviInterString.h"
 #include "peer_harness.h"
 
 namespace {
@@ -17,6 +18,8 @@ bool WriteDebugConfig(const peerbench::fs::path& root) {
   peerbench::fs::create_directories(conf, ec);
   std::ofstream out(conf / "default_debug.cfg");
   out << "nEachProcessMaxZipNum=50\n";
+  // Printf has no demands of its own: sub-module "S" logs INFO to the file.
+  out << "S_level=1111\nS_output=01\n";
   if (const char* size = std::getenv("BENCH_FILE_MB")) out << "nEachFileMaxSize=" << size << "\n";
   if (const char* target = std::getenv("BENCH_SYSLOG")) out << "syslog_target=" << target << "\n";
   // For a tls:// target: a directory with ca.pem, client.pem and client.key.
@@ -32,8 +35,11 @@ bool WriteDebugConfig(const peerbench::fs::path& root) {
 
 int main(int argc, char** argv) {
   peerbench::Options options;
-  if (!peerbench::ParseOptions(argc, argv, options)) return 2;
-  peerbench::ScratchDir dir("tovi", options.keep);
+  if (!peerbench::ParseOptions(argc, argv, options, {"--printf"})) return 2;
+  // --printf: ToviDebugMgr::Printf formats in the call; else the harness
+  // formats with snprintf and Trace takes the text.
+  const bool printf = options.flags.count("--printf") != 0;
+  peerbench::ScratchDir dir(printf ? "tovi-printf" : "tovi", options.keep);
   if (!WriteDebugConfig(dir.path())) {
     std::fprintf(stderr, "cannot write the debug configuration below %s\n", dir.path().c_str());
     return 2;
@@ -46,11 +52,16 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "Init failed for %s\n", logs.c_str());
     return 2;
   }
-  const peerbench::Workload run = peerbench::RunWorkload(options, [mgr](const char* text, int) {
-    mgr->Trace("S", LEVEL_INFO, text, nullptr, false, true);
-  });
+  const ToviInterString subModule("S");
+  const peerbench::Workload run =
+      printf ? peerbench::RunFormattingWorkload(options, [mgr, &subModule](int n) {
+                 mgr->Printf(LEVEL_INFO, subModule, "Backup storage speeds (min): %d MB/s", n);
+               })
+             : peerbench::RunWorkload(options, [mgr](const char* text, int) {
+                 mgr->Trace("S", LEVEL_INFO, text, nullptr, false, true);
+               });
   ToviDebugMgr::Destroy();  // returns once every queued record is in a file
   const peerbench::Clock::time_point onDisk = peerbench::Clock::now();
-  return peerbench::Report("ToviDebugMgr::Trace", options, run, onDisk,
-                           peerbench::LogFilesIn(logs));
+  return peerbench::Report(printf ? "ToviDebugMgr::Printf" : "ToviDebugMgr::Trace", options, run,
+                           onDisk, peerbench::LogFilesIn(logs));
 }

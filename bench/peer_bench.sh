@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # Builds the peer benchmark in build-bench and runs every logger, each thread
 # count in a fresh process, then prints one markdown table. With valgrind on
-# PATH it also prints what one ToviDebugMgr::Trace call costs the caller in
-# instructions and heap allocations.
+# PATH it also prints what one ToviDebugMgr::Trace call and one Printf call
+# cost the caller in instructions and heap allocations.
 #   bench/peer_bench.sh [--calls N] [--threads "1 2 4"] [--quick]
 # Exits non-zero when any run lost or doubled a record, or did not finish.
 set -euo pipefail
@@ -62,6 +62,7 @@ bin=$build/bench
 # label, executable, extra arguments
 loggers=(
   "ToviDebugMgr::Trace|bench_tovi|"
+  "ToviDebugMgr::Printf|bench_tovi|--printf"
   "spdlog async, flush each|bench_spdlog|"
   "spdlog async, unflushed|bench_spdlog|--unflushed"
   "log4cplus AsyncAppender|bench_log4cplus|"
@@ -103,17 +104,20 @@ printf '%s\n' "${rows[@]}"
 # allocator made in there; operator new ends in malloc, so it is not counted
 # again. A short run is mostly the pool's warm-up (every block is new while
 # the queue fills); a long one shows the steady state of a running process.
-callgrind_trace() {
-  local callgrind_calls=$1 work out
+# $1: the call counted (Trace or Printf; Printf's count includes the Trace it
+# makes), $2: calls, $3: bench_tovi's flag for it.
+callgrind_call() {
+  local fn=$1 callgrind_calls=$2 flag=$3 work out
   work=$(mktemp -d)
   out=$work/callgrind.out
-  if ! valgrind --tool=callgrind --toggle-collect='ToviDebugMgr::Trace*' --callgrind-out-file="$out" \
-      "$bin/bench_tovi" --threads 1 --calls "$callgrind_calls" >/dev/null 2>"$work/valgrind.log"; then
+  # shellcheck disable=SC2086  # flag is zero or one word
+  if ! valgrind --tool=callgrind --toggle-collect="ToviDebugMgr::$fn*" --callgrind-out-file="$out" \
+      "$bin/bench_tovi" --threads 1 --calls "$callgrind_calls" $flag >/dev/null 2>"$work/valgrind.log"; then
     echo "callgrind run failed, see $work/valgrind.log" >&2
     failed=1
     return
   fi
-  awk -v calls="$callgrind_calls" '
+  awk -v calls="$callgrind_calls" -v fn="$fn" '
     /^totals:/ { total = $2 }
     /^c?fn=\(/ {
       s = $0; sub(/^c?fn=\(/, "", s); id = s; sub(/\).*/, "", id)
@@ -124,9 +128,9 @@ callgrind_trace() {
     }
     /^calls=/ { split(substr($0, 7), a, " "); count[callee] += a[1] }
     END {
-      if (total == 0) { print "callgrind: no instructions inside ToviDebugMgr::Trace (pattern matched nothing?)"; exit 1 }
+      if (total == 0) { print "callgrind: no instructions inside ToviDebugMgr::" fn " (pattern matched nothing?)"; exit 1 }
       for (id in count) if (name[id] ~ /^(malloc|calloc|realloc)$/) allocs += count[id]
-      printf "\nPer ToviDebugMgr::Trace call on the calling thread (callgrind, 1 thread, %d calls):\n", calls
+      printf "\nPer ToviDebugMgr::%s call on the calling thread (callgrind, 1 thread, %d calls):\n", fn, calls
       printf "  instructions      %.0f\n", total / calls
       printf "  heap allocations  %.2f\n", allocs / calls
     }' "$out" || failed=1
@@ -136,7 +140,10 @@ callgrind_trace() {
 if command -v valgrind >/dev/null; then
   for n in $callgrind_calls; do
     echo "callgrind: $n Trace calls on one thread" >&2
-    callgrind_trace "$n"
+    callgrind_call Trace "$n" ""
   done
+  n=${callgrind_calls##* }
+  echo "callgrind: $n Printf calls on one thread" >&2
+  callgrind_call Printf "$n" --printf
 fi
 exit "$failed"

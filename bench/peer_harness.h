@@ -146,6 +146,36 @@ Workload RunWorkload(const Options& options, Log log) {
   return run;
 }
 
+// The same workload for a logger that formats in its own call, as a printf
+// call or a logging macro does: `log(number)` is timed alone, with nothing
+// formatted before it.
+template <typename Log>
+Workload RunFormattingWorkload(const Options& options, Log log) {
+  Workload run;
+  run.latencies.assign(options.threads, std::vector<uint32_t>(options.calls, 0));
+  std::atomic<int> ready{0};
+  std::atomic<bool> go{false};
+  std::vector<std::thread> workers;
+  for (int t = 0; t < options.threads; ++t) {
+    workers.emplace_back([&, t] {
+      std::vector<uint32_t>& latency = run.latencies[t];
+      const int first = t * options.calls;
+      ready.fetch_add(1);
+      while (!go.load(std::memory_order_acquire)) std::this_thread::yield();
+      for (int i = 0; i < options.calls; ++i) {
+        const Clock::time_point t0 = Clock::now();
+        log(first + i);
+        latency[i] = SaturatedNs(Clock::now() - t0);
+      }
+    });
+  }
+  while (ready.load() < options.threads) std::this_thread::yield();
+  run.start = Clock::now();
+  go.store(true, std::memory_order_release);
+  for (std::thread& w : workers) w.join();
+  return run;
+}
+
 struct Percentiles {
   double p50 = 0, p99 = 0, p999 = 0, max = 0;  // ns
 };
