@@ -54,7 +54,7 @@ install_missing() {
 install_missing libspdlog-dev liblog4cplus-dev
 
 build=$root/build-bench
-cmake -S "$root" -B "$build" -DTOVI_BUILD_BENCH=ON -DTOVI_BUILD_TESTS=OFF \
+cmake -S "$root" -B "$build" -DTOVI_BUILD_BENCH=ON -DTOVI_BUILD_TESTS=OFF -DQUILL_DIR="${QUILL_DIR:-}" \
   -DTOVI_BUILD_EXAMPLES=OFF -DCMAKE_BUILD_TYPE=RelWithDebInfo >&2
 cmake --build "$build" -j"$(nproc 2>/dev/null || echo 2)" >&2
 bin=$build/bench
@@ -66,6 +66,7 @@ loggers=(
   "spdlog async, flush each|bench_spdlog|"
   "spdlog async, unflushed|bench_spdlog|--unflushed"
   "log4cplus AsyncAppender|bench_log4cplus|"
+  "Quill (default backend)|bench_quill|"
 )
 
 rows=()
