@@ -112,12 +112,12 @@ inline uint32_t SaturatedNs(Clock::duration d) {
   return ns > static_cast<long long>(UINT32_MAX) ? UINT32_MAX : static_cast<uint32_t>(ns);
 }
 
-// Runs the calls on `threads` threads; `log(text, length)` hands one text to
-// the logger. Latencies go into vectors that are sized and touched before
-// the start, so no page fault or reallocation lands in a timed call. The
-// threads wait at a common start line so that the rate covers them all.
-template <typename Log>
-Workload RunWorkload(const Options& options, Log log) {
+// Runs `call(number)` `calls` times on each of `threads` threads, each call
+// timed. Latencies go into vectors that are sized and touched before the
+// start, so no page fault or reallocation lands in a timed call. The threads
+// wait at a common start line so that the rate covers them all.
+template <typename Call>
+Workload RunTimedCalls(const Options& options, Call call) {
   Workload run;
   run.latencies.assign(options.threads, std::vector<uint32_t>(options.calls, 0));
   std::atomic<int> ready{0};
@@ -131,10 +131,7 @@ Workload RunWorkload(const Options& options, Log log) {
       while (!go.load(std::memory_order_acquire)) std::this_thread::yield();
       for (int i = 0; i < options.calls; ++i) {
         const Clock::time_point t0 = Clock::now();
-        char text[128];
-        const int length =
-            std::snprintf(text, sizeof text, "Backup storage speeds (min): %d MB/s", first + i);
-        log(static_cast<const char*>(text), length);
+        call(first + i);
         latency[i] = SaturatedNs(Clock::now() - t0);
       }
     });
@@ -146,34 +143,23 @@ Workload RunWorkload(const Options& options, Log log) {
   return run;
 }
 
+// The workload: each call formats its text with snprintf, and `log(text,
+// length)` hands it to the logger; both are timed.
+template <typename Log>
+Workload RunWorkload(const Options& options, Log log) {
+  return RunTimedCalls(options, [&log](int number) {
+    char text[128];
+    const int length = std::snprintf(text, sizeof text, "Backup storage speeds (min): %d MB/s", number);
+    log(static_cast<const char*>(text), length);
+  });
+}
+
 // The same workload for a logger that formats in its own call, as a printf
 // call or a logging macro does: `log(number)` is timed alone, with nothing
 // formatted before it.
 template <typename Log>
 Workload RunFormattingWorkload(const Options& options, Log log) {
-  Workload run;
-  run.latencies.assign(options.threads, std::vector<uint32_t>(options.calls, 0));
-  std::atomic<int> ready{0};
-  std::atomic<bool> go{false};
-  std::vector<std::thread> workers;
-  for (int t = 0; t < options.threads; ++t) {
-    workers.emplace_back([&, t] {
-      std::vector<uint32_t>& latency = run.latencies[t];
-      const int first = t * options.calls;
-      ready.fetch_add(1);
-      while (!go.load(std::memory_order_acquire)) std::this_thread::yield();
-      for (int i = 0; i < options.calls; ++i) {
-        const Clock::time_point t0 = Clock::now();
-        log(first + i);
-        latency[i] = SaturatedNs(Clock::now() - t0);
-      }
-    });
-  }
-  while (ready.load() < options.threads) std::this_thread::yield();
-  run.start = Clock::now();
-  go.store(true, std::memory_order_release);
-  for (std::thread& w : workers) w.join();
-  return run;
+  return RunTimedCalls(options, log);
 }
 
 struct Percentiles {
