@@ -4,6 +4,7 @@
 // time stamps, the merge, the JSON and text output, and the filters.
 #include "TovilogRun.h"
 #include "logwriter/RecordJournal.h"
+#include "logwriter/RecordQueue.h"
 #include "logwriter/TimeStamp.h"
 #include "logwriter/ToviLogRecord.h"
 
@@ -204,11 +205,12 @@ TEST(TovilogEvents, RecoveredRecordsAndTheCrashReport) {
     char stamp[timestamp::kLength + 1];
     timestamp::FormatNow(stamp);
     char text[] = "m INFO: kept 0";
+    const RecordQueue queue(0);
     ToviLogRecord record;
     record.m_pTime = stamp, record.m_pText = text, record.m_nTextLen = sizeof text - 1, record.m_nThreadId = 0x2a;
     for (char last : {'0', '1'}) {
       text[sizeof text - 2] = last;
-      EXPECT_NE(dead.Append(record, true), 0u);
+      EXPECT_NE(dead.Append(record, queue), 0u);
     }
   }
   auto writer = NewWriter(dir.path(), "rec");

@@ -120,9 +120,9 @@ DebugSettings ReadDebugSettings(const std::string& requestedFile) {
   ToviModuleMasks& items = out.modules;
   const std::string defaults(kDefaultSubModule);
   items[defaults] = {
-      MaskOr(settings.StringOr((defaults + kLevelSuffix).c_str(), kLevelDefault), kLevelDefault),
-      MaskOr(settings.StringOr((defaults + kOutputSuffix).c_str(), kDefaultModuleOutput),
-             kDefaultModuleOutput)};
+      LevelMaskOf(settings.StringOr((defaults + kLevelSuffix).c_str(), kLevelDefault)),
+      BoundMask(MaskOr(settings.StringOr((defaults + kOutputSuffix).c_str(), kDefaultModuleOutput),
+                       kDefaultModuleOutput))};
 
   std::map<std::string, std::string> levels;
   std::map<std::string, std::string> outputs;
@@ -130,20 +130,15 @@ DebugSettings ReadDebugSettings(const std::string& requestedFile) {
   LoadCfgFileToMap(outputs, out.file, kOutputSuffix);
   // A "_level" entry replaces the whole entry, "debug" included; only an
   // "_output" key of the same file sets its output mask again.
-  for (const auto& level : levels) {
-    items[level.first] = {MaskOr(level.second, kLevelDefault), Mask(kDefaultModuleOutput)};
-  }
+  for (const auto& level : levels) items[level.first] = {LevelMaskOf(level.second), DefaultOutputMask()};
   for (const auto& output : outputs) {
-    const std::bitset<32> mask = MaskOr(output.second, kOutputDefault);
+    const std::bitset<32> mask = OutputMaskOf(output.second);
     auto found = items.find(output.first);
     if (found != items.end()) {
       found->second.second = mask;
     } else {
-      items[output.first] = {Mask(kLevelDefault), mask};
+      items[output.first] = {DefaultLevelMask(), mask};
     }
-  }
-  for (auto& item : items) {
-    item.second = {BoundMask(item.second.first), BoundMask(item.second.second)};
   }
   return out;
 }

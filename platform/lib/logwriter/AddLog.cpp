@@ -85,7 +85,7 @@ bool ToviLogWriter::AddLog(const std::string& subModule, ToviLogLevel level, con
   // In the journal before the queue: once the call returns true, the record
   // outlives the process. Records for the console alone, and those held
   // back, are not journaled.
-  const uint64_t entry = record->m_bLog ? m_journal.Append(*record, m_queue.WriterProgressing()) : 0;
+  const uint64_t entry = record->m_bLog ? m_journal.Append(*record, m_queue) : 0;
   record->m_nJournal = entry;
   if (m_queue.Put(block)) return true;
   m_journal.Drop(entry);

@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "logwriter/LogFormat.h"
+#include "logwriter/RecordQueue.h"
 #include "logwriter/ToviLogRecord.h"
 #include "port/ToviPort.h"
 
@@ -68,8 +69,9 @@ struct RecordJournal::Entry {
   char* Text() { return reinterpret_cast<char*>(this + 1); }
 };
 
-RecordJournal::Entry* RecordJournal::EntryAt(uint64_t position) const {
-  return reinterpret_cast<Entry*>(m_ring + position % kRingBytes);
+RecordJournal::Entry* RecordJournal::EntryIn(const Header& header, uint64_t position) {
+  const char* ring = reinterpret_cast<const char*>(&header) + kHeaderBytes;
+  return reinterpret_cast<Entry*>(const_cast<char*>(ring) + position % kRingBytes);
 }
 
 void RecordJournal::FindDead(const std::string& dir, const std::string& prefix) {
@@ -96,7 +98,6 @@ bool RecordJournal::Create(int& error) {
   }
   if (error != 0) return false;
   m_header = static_cast<Header*>(m_file.base);
-  m_ring = static_cast<char*>(m_file.base) + kHeaderBytes;
   std::memcpy(m_header->magic, kMagic, sizeof kMagic);
   m_header->pid = toviport::CurrentProcessId();
   m_header->headerBytes = kHeaderBytes;
@@ -114,13 +115,9 @@ std::atomic<uint64_t>* RecordJournal::DropCounter() {
   return m_header != nullptr ? &m_header->dropped : nullptr;
 }
 
-uint64_t RecordJournal::Append(const ToviLogRecord& record, bool mayWait) {
+uint64_t RecordJournal::Append(const ToviLogRecord& record, const RecordQueue& queue) {
   Header* const header = m_published.load(std::memory_order_acquire);
   if (header == nullptr) return 0;
-  char* const ring = reinterpret_cast<char*>(header) + kHeaderBytes;
-  const auto entryAt = [ring](uint64_t position) {
-    return reinterpret_cast<Entry*>(ring + position % kRingBytes);
-  };
   const uint64_t size = Round8(sizeof(Entry) + record.m_nTextLen);
   uint64_t head = header->head.load(std::memory_order_relaxed);
   uint64_t at = 0;
@@ -136,7 +133,7 @@ uint64_t RecordJournal::Append(const ToviLogRecord& record, bool mayWait) {
       Trim(*header);
       const int64_t now = toviport::SteadyMs();
       if (giveUpMs == 0) giveUpMs = now + kRoomWaitMs;
-      if (!mayWait || now > giveUpMs) return 0;
+      if (now > giveUpMs || !queue.WriterProgressing()) return 0;
       toviport::SleepUs(50);
       head = header->head.load(std::memory_order_relaxed);
       continue;
@@ -147,12 +144,12 @@ uint64_t RecordJournal::Append(const ToviLogRecord& record, bool mayWait) {
     }
   }
   if (at != head && kRingBytes - head % kRingBytes >= sizeof(Entry)) {
-    Entry* pad = entryAt(head);
+    Entry* pad = EntryIn(*header, head);
     pad->size.store(static_cast<uint32_t>(at - head), std::memory_order_relaxed);
     pad->position.store(head, std::memory_order_release);
     pad->state.store(State(head, kPad), std::memory_order_release);
   }
-  Entry* entry = entryAt(at);
+  Entry* entry = EntryIn(*header, at);
   entry->size.store(static_cast<uint32_t>(size), std::memory_order_relaxed);
   entry->position.store(at, std::memory_order_release);
   entry->thread = record.m_nThreadId;
@@ -167,9 +164,7 @@ uint64_t RecordJournal::Append(const ToviLogRecord& record, bool mayWait) {
 void RecordJournal::Drop(uint64_t handle) {
   Header* const header = m_published.load(std::memory_order_acquire);
   if (header == nullptr || handle == 0) return;
-  char* const ring = reinterpret_cast<char*>(header) + kHeaderBytes;
-  reinterpret_cast<Entry*>(ring + (handle - 1) % kRingBytes)
-      ->state.store(State(handle - 1, kDropped), std::memory_order_release);
+  EntryIn(*header, handle - 1)->state.store(State(handle - 1, kDropped), std::memory_order_release);
 }
 
 void RecordJournal::Writing(const std::vector<uint64_t>& handles, const std::string& file,
@@ -177,7 +172,7 @@ void RecordJournal::Writing(const std::vector<uint64_t>& handles, const std::str
   if (m_header == nullptr) return;
   const uint64_t generation = ++m_generation;
   for (uint64_t handle : handles) {
-    Entry* entry = EntryAt(handle - 1);
+    Entry* entry = EntryIn(*m_header, handle - 1);
     entry->generation.store(generation, std::memory_order_relaxed);
     entry->state.store(State(handle - 1, kWriting), std::memory_order_release);
   }
@@ -198,7 +193,7 @@ void RecordJournal::Committed() {
 void RecordJournal::Unwrite(const std::vector<uint64_t>& handles) {
   if (m_header == nullptr) return;
   for (uint64_t handle : handles) {
-    EntryAt(handle - 1)->state.store(State(handle - 1, kAccepted), std::memory_order_release);
+    EntryIn(*m_header, handle - 1)->state.store(State(handle - 1, kAccepted), std::memory_order_release);
   }
 }
 
@@ -207,7 +202,6 @@ void RecordJournal::Trim() {
 }
 
 void RecordJournal::Trim(Header& header) {
-  char* const ring = reinterpret_cast<char*>(&header) + kHeaderBytes;
   uint64_t start = header.tail.load(std::memory_order_acquire);
   const uint64_t head = header.head.load(std::memory_order_acquire);
   const uint64_t committed = header.committedGeneration.load(std::memory_order_acquire);
@@ -218,7 +212,7 @@ void RecordJournal::Trim(Header& header) {
       tail += left;
       continue;
     }
-    Entry* entry = reinterpret_cast<Entry*>(ring + tail % kRingBytes);
+    const Entry* entry = EntryIn(header, tail);
     const uint64_t state = entry->state.load(std::memory_order_acquire);
     if (PositionOf(state) != tail) break;  // its producer is still at it
     const Kind kind = KindOf(state);
@@ -246,7 +240,6 @@ void RecordJournal::Close() {
   m_published.store(nullptr, std::memory_order_release);
   toviport::CloseMappedFile(m_file);
   m_header = nullptr;
-  m_ring = nullptr;
   // What is left waits for the next start.
   if (clean) toviport::RemoveFile(m_path.c_str());
 }
@@ -279,7 +272,6 @@ void RecordJournal::CutDeadFiles() {
 }
 
 std::vector<const RecordJournal::Entry*> RecordJournal::Unwritten(const Header& header) {
-  const char* ring = reinterpret_cast<const char*>(&header) + kHeaderBytes;
   const uint64_t head = header.head.load(std::memory_order_acquire);
   const uint64_t committed = header.committedGeneration.load(std::memory_order_acquire);
   std::vector<const Entry*> unwritten;
@@ -289,7 +281,7 @@ std::vector<const RecordJournal::Entry*> RecordJournal::Unwritten(const Header& 
       p += left;
       continue;
     }
-    const Entry* entry = reinterpret_cast<const Entry*>(ring + p % kRingBytes);
+    const Entry* entry = EntryIn(header, p);
     const uint32_t size = entry->size.load(std::memory_order_relaxed);
     if (entry->position.load(std::memory_order_acquire) != p || size < sizeof(Entry) ||
         size > left) {

@@ -35,6 +35,7 @@
 
 #include "port/MappedFile.h"
 
+class RecordQueue;
 class ToviLogRecord;
 
 class RecordJournal {
@@ -55,9 +56,9 @@ public:
 
   // Producers. Journals record (its time, thread, level and text); the
   // handle to give back with Drop or Writing, 0 when there was no room.
-  // With mayWait, a full ring is waited for, a bounded time: only while the
-  // writer makes progress, which is what frees room.
-  uint64_t Append(const ToviLogRecord& record, bool mayWait);
+  // A full ring is waited for, a bounded time, only while queue's writer
+  // makes progress, which is what frees room; that is asked only then.
+  uint64_t Append(const ToviLogRecord& record, const RecordQueue& queue);
   // The record was refused after all: not written, and counted elsewhere.
   void Drop(uint64_t handle);
   // Where drop counts are kept so that they outlive the process.
@@ -105,7 +106,8 @@ public:
 private:
   struct Header;
   struct Entry;
-  Entry* EntryAt(uint64_t position) const;
+  // The entry at position of the ring that follows header.
+  static Entry* EntryIn(const Header& header, uint64_t position);
   static void Trim(Header& header);
   // The entries accepted and not written, in acceptance order.
   static std::vector<const Entry*> Unwritten(const Header& header);
@@ -117,7 +119,6 @@ private:
   std::atomic<Header*> m_published{nullptr};
   toviport::MappedFile m_file;
   Header* m_header = nullptr;
-  char* m_ring = nullptr;
   // The writer thread's: the generation of the batch in flight.
   uint64_t m_generation = 0;
   std::vector<std::string> m_deadPaths;

@@ -34,8 +34,7 @@ bool RecordQueue::EnqueueOutput(ACE_Message_Block* block) {
     // ended makes no room: waiting for it would stop the application, not
     // just its logging. Only a writer that is making progress is waited
     // for.
-    if (m_writerGone.load(std::memory_order_acquire)) return false;
-    if (m_writerStalled.load(std::memory_order_acquire)) return false;
+    if (!WriterProgressing()) return false;
     ACE_Time_Value deadline = toviport::DeadlineAfterMs(kRoomWaitSliceMs);
     if (m_output.enqueue_record(block, &deadline) != -1) return true;
   }

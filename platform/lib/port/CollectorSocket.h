@@ -63,7 +63,6 @@ public:
   bool SendDatagram(const char* data, std::size_t size);
 
 private:
-  bool Stream() const { return m_transport != Transport::kUdp; }
   OpenResult OpenTls();
   // The TLS context, made once: false with m_why set when a file fails.
   bool MakeContext();
