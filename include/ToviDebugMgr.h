@@ -10,6 +10,7 @@
 
 #include <atomic>
 #include <bitset>
+#include <cstdarg>
 #include <string>
 
 #include <ace/Recursive_Thread_Mutex.h>
@@ -80,6 +81,12 @@ private:
   ToviDebugMgr& operator=(const ToviDebugMgr&) = delete;
 
   static ACE_Recursive_Thread_Mutex m_InstanceLock;
+
+  // Printf's road: the writer formats the call's arguments when it can give
+  // the same bytes, else they are formatted here and traced as text. False
+  // when the text could not be formatted (or is empty, or too long).
+  bool TraceFormatted(const std::string& subModule, ToviLogLevel level, const char* format,
+                      va_list args);
 
   // The manager's parts, each holding its own state and lock; made with the
   // manager, freed with it.

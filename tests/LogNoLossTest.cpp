@@ -1,7 +1,9 @@
 // Many threads, one writer, files rolling over and being compressed as they
 // go: every record must arrive exactly once, in the order each thread made
 // them, no file may ever replace another, and each rolls over right after
-// the record that took it past its limit.
+// the record that took it past its limit. Across threads the file keeps
+// the order in which calls reserved their room: a call that returned before
+// another began comes first.
 #include <numeric>
 
 #include "WriterTestSupport.h"
@@ -24,6 +26,19 @@ TEST(LogNoLoss, EveryRecordOnceInOrderAcrossRolledFiles) {
       }
     });
   }
+  // Two threads that take turns, each call handing the turn on when it
+  // returns: their records must alternate in the file.
+  constexpr int kTurns = 3000;
+  std::atomic<int> turn{0};
+  for (int side = 0; side < 2; ++side) {
+    threads.emplace_back([&, side] {
+      for (int i = side; i < 2 * kTurns; i += 2) {
+        while (turn.load(std::memory_order_acquire) != i) std::this_thread::yield();
+        writer->AddLog("S", LEVEL_INFO, ("turn " + std::to_string(i)).c_str(), nullptr, false, true);
+        turn.store(i + 1, std::memory_order_release);
+      }
+    });
+  }
   for (auto& th : threads) th.join();
   writer.reset();
 
@@ -31,6 +46,7 @@ TEST(LogNoLoss, EveryRecordOnceInOrderAcrossRolledFiles) {
   // twice, and only the last file stays plain.
   const std::vector<std::string> names = ListDir(dir.path());
   std::vector<std::vector<int>> seen(kThreads);
+  std::vector<int> turns;
   std::set<std::string> bases;
   for (const std::string& name : names) {
     EXPECT_TRUE(bases.insert(name.substr(0, name.find(".log") + 4)).second) << name;
@@ -47,6 +63,7 @@ TEST(LogNoLoss, EveryRecordOnceInOrderAcrossRolledFiles) {
       int t = -1, i = -1;
       if (std::sscanf(record.c_str(), "S INFO: t%d n%d", &t, &i) == 2 && t >= 0 && t < kThreads)
         seen[t].push_back(i);
+      if (std::sscanf(record.c_str(), "S INFO: turn %d", &i) == 1) turns.push_back(i);
     }
   }
   EXPECT_GT(names.size(), 5u) << "the run should have rolled over several times";
@@ -54,4 +71,7 @@ TEST(LogNoLoss, EveryRecordOnceInOrderAcrossRolledFiles) {
   std::vector<int> all(kPerThread);
   std::iota(all.begin(), all.end(), 0);
   for (int t = 0; t < kThreads; ++t) EXPECT_TRUE(seen[t] == all) << "thread " << t;
+  std::vector<int> alternating(2 * kTurns);
+  std::iota(alternating.begin(), alternating.end(), 0);
+  EXPECT_TRUE(turns == alternating);
 }

@@ -10,17 +10,15 @@
 #include <csignal>
 
 #include "WriterTestSupport.h"
-#include "logwriter/RecordBlock.h"
+#include "logwriter/RecordJournal.h"
 
 using namespace tovitest;
 
 // Generous enough for a loaded sanitizer build; only a hang exceeds it.
 constexpr double kHangBound = 5.0;
-// What the output queue holds before producers have to wait: each small
-// record costs its block and ACE's two headers for it, and a record is let
-// in while the queue is below the mark.
-constexpr std::size_t kRecordCost = recordblock::kBlockSizes[0] + sizeof(ACE_Message_Block) + sizeof(ACE_Data_Block);
-constexpr std::size_t kQueueRecords = (recordblock::kQueueWaterMark + kRecordCost - 1) / kRecordCost;
+// Small records in a full ring: each costs its entry and a few bytes.
+constexpr std::size_t kRingAtLeast = RecordJournal::kRingBytes / 128;
+constexpr std::size_t kRingAtMost = RecordJournal::kRingBytes / sizeof(RecordJournal::Entry);
 const std::string kTag = "fault INFO: ";
 
 static double Seconds(const std::function<void()>& f) {
@@ -85,22 +83,30 @@ TEST(LogWriterFault, UnreachableDirectoryRefusesWhenFullAndStopsPromptly) {
   std::unique_ptr<ToviLogWriter> writers[] = {NewWriter(dir / "plain/logs/", "p", "header\n"),
                                               NewWriter(dir / "long", std::string(300, 'x'))};
   std::vector<std::string> want;
-  for (std::size_t i = 0; i < kQueueRecords; ++i) want.push_back("record " + std::to_string(i));
   // Long enough for at least one retry after the first failed creation.
   std::this_thread::sleep_for(std::chrono::milliseconds(1200));
+  std::size_t accepted = 0;
   for (auto& writer : writers) {
-    for (const std::string& text : want) EXPECT_TRUE(Log(*writer, text, text.size() % 7 ? nullptr : &value));
+    // Until the ring is full, and the first refusal.
+    accepted = 0;
+    for (std::string text = "record 0"; accepted <= kRingAtMost && Log(*writer, text, accepted % 7 ? nullptr : &value);
+         text = "record " + std::to_string(++accepted)) {
+    }
+    EXPECT_GE(accepted, kRingAtLeast);
+    EXPECT_LE(accepted, kRingAtMost);
     EXPECT_TRUE(writer->AddLog("fault", LEVEL_INFO, "held", &value, false, false));
     // A writer that cannot write is not waited for: the refusal is at once.
     EXPECT_LT(Seconds([&] { EXPECT_FALSE(Log(*writer, "refused", &value)); }), 0.5);
-    EXPECT_EQ(writer->OutputQueueCount() + writer->DiscardQueueCount(), kQueueRecords + 1);
+    EXPECT_EQ(writer->OutputQueueCount() + writer->DiscardQueueCount(), accepted + 1);
+    if (want.empty()) {
+      for (std::size_t i = 0; i < accepted; ++i) want.push_back("record " + std::to_string(i));
+    }
   }
-  EXPECT_FALSE(Log(*writers[0], "refused"));
   EXPECT_LT(Seconds([&] { writers[1].reset(); }), kHangBound);
   EXPECT_EQ(ReadFile(dir / "plain"), "not a directory");
 
   std::filesystem::remove(dir / "plain");
-  ASSERT_TRUE(WaitUntil([&] { return writers[0]->OutputQueueCount() < kQueueRecords; }));
+  ASSERT_TRUE(WaitUntil([&] { return writers[0]->OutputQueueCount() < want.size(); }));
   for (int i = 0; i < 10; ++i) {
     want.push_back("after-" + std::to_string(i));
     EXPECT_TRUE(Log(*writers[0], want.back()));
@@ -299,8 +305,8 @@ TEST(LogWriterFault, AFullDiskNeverStallsTheCallersAndLosesNothingUncounted) {
   TempDir dir;
   const std::string disk = dir / "disk";
   std::filesystem::create_directories(disk);
-  // Room for the record journal and about a megabyte of logs.
-  ASSERT_EQ(::mount("tmpfs", disk.c_str(), "tmpfs", 0, "size=13m"), 0);
+  // Room for the record journal and about half a megabyte of logs.
+  ASSERT_EQ(::mount("tmpfs", disk.c_str(), "tmpfs", 0, "size=11m"), 0);
   constexpr int kThreads = 2, kCalls = 15000;
   const ChildRun run = RunChild([&] {
     // Every archive kept, and texts that compress badly, so the disk fills.

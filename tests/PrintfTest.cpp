@@ -123,3 +123,36 @@ TEST(Printf, DefaultsChangeWhileOthersPrint) {
   EXPECT_EQ(lines.size(), 2000u);
   for (const std::string& line : lines) EXPECT_TRUE(std::regex_match(line, record)) << line;
 }
+
+// The writer formats most Printf calls later, from what the call copied:
+// the file must hold the very bytes the call would have formatted, with what
+// its arguments pointed to at the time of the call, and errno as it was.
+TEST(Printf, TheFileHoldsWhatTheCallWouldHaveFormatted) {
+  MgrRoot setup("debug_level=1111\ndebug_output=01\n");
+  ToviDebugMgr* mgr = ToviDebugMgr::Instance();
+  ASSERT_TRUE(mgr->Init("prt", "", setup.logs.path(), "", false, false));
+  const ToviInterString sub(std::string("F"));
+  std::string want;
+  char made[4096];
+  char name[] = "before";
+#define BOTH(...)                                                   \
+  (std::snprintf(made, sizeof made, __VA_ARGS__), want += "@F INFO: ", \
+   want += made, want += "\n", mgr->Printf(LEVEL_INFO, sub, __VA_ARGS__))
+  BOTH("Backup storage speeds (min): %d MB/s", 42);
+  BOTH("%-8.3f|%+e|%g|%a|%G", 3.14159, -2.5e-10, 1e100, 0.1, -0.0);
+  BOTH("%Lf %.0Lf %Le", 1e30L, 2.5L, -1e-300L);
+  BOTH("%lld %llu %zu %hhd %hd %#x %#o %8.3d %ld", LLONG_MIN, ULLONG_MAX, std::size_t{7}, 300, 70000, 255,
+       0, -5, -1L);
+  BOTH("%*d|%-*.*s|%c%%|%.0d|", 6, 42, 9, 3, "abcdef", 'z', 0);
+  BOTH("%p %p %f %f", static_cast<void*>(nullptr), static_cast<void*>(made), 1.0 / 0.0, 0.0 / 0.0);
+  BOTH("%2$s %1$s", "one", "two");
+  BOTH("%ls", L"wide");
+  BOTH("%s|%.3s", name, name);
+  std::strcpy(name, "after!");
+  errno = ENOENT;
+  BOTH("%m");
+  errno = 0;
+#undef BOTH
+  ToviDebugMgr::Destroy();
+  EXPECT_EQ(Logged(setup), want);
+}

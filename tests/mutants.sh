@@ -52,7 +52,7 @@ platform/lib/logwriter/LogArchive.cpp|Compress(name) != Outcome::Busy|Compress(n
 platform/lib/logwriter/GzipArchive.cpp|if (done) toviport::RemoveFile|if (archived) toviport::RemoveFile
 platform/lib/logwriter/RecordQueue.cpp|message_count() >= m_heldBackLimit|message_count() > m_heldBackLimit
 platform/lib/logwriter/ToviLogWriter.cpp|record->m_bLog = true;|record->m_bLog = false;
-platform/lib/logwriter/RecordBatchQueue.h|this->head_ = this->tail_ = nullptr;|this->head_ = nullptr;
+platform/lib/logwriter/RecordJournal.cpp|if (PositionOf(state) != m_cursor) return nullptr;|if (PositionOf(state) > m_cursor) return nullptr;
 platform/lib/logwriter/ConsoleOutput.cpp|m_stalled ? 0 : kConsoleWaitMs|m_stalled ? kConsoleWaitMs : 0
 platform/lib/trace/Trace.cpp|level >= 0 && level <= 31|level >= 0 && level < 31
 platform/lib/trace/Trace.cpp|outputs.test(OUTPUT_CONSOLE)|outputs.test(OUTPUT_FILE)

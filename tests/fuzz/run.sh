@@ -3,6 +3,7 @@
 # a fresh copy of its committed corpus, so every run starts from the same
 # seeds and the committed corpus stays small.
 #   tests/fuzz/run.sh [seconds per target, default 30] [target...]
+# With no target named, every target runs: config_reader deferred_format.
 # Any crash, leak, timeout or sanitizer report fails the run; the input that
 # caused it is left in build-fuzz/artifacts/. TOVI_FUZZ_ARGS adds libFuzzer
 # options, e.g. "-runs=10000000" to stop after that many inputs.
@@ -12,7 +13,7 @@ root=$(cd "$here/../.." && pwd)
 seconds=${1:-30}
 shift || true
 targets=("$@")
-[ $# -gt 0 ] || targets=(config_reader)
+[ $# -gt 0 ] || targets=(config_reader deferred_format)
 
 # clang only recommends the runtime that holds libFuzzer, so it is named too.
 "$root/scripts/install-deps.sh" clang libclang-rt-dev
@@ -31,12 +32,22 @@ mkdir -p "$build/artifacts"
 for t in "${targets[@]}"; do
   corpus=$build/corpus/$t log=$build/$t.log status=0
   rm -rf "$corpus" && mkdir -p "$corpus" && cp "$here/corpus/$t"/* "$corpus/"
+  # A target's dictionary is $t.dict, if it has one; the configuration
+  # reader's predates that name.
+  dict=()
+  if [ "$t" = config_reader ]; then
+    dict=(-dict="$here/config.dict")
+  elif [ -f "$here/$t.dict" ]; then
+    dict=(-dict="$here/$t.dict")
+  fi
   # shellcheck disable=SC2086  # TOVI_FUZZ_ARGS is a list of options
-  "$build/tests/fuzz/${t}_fuzz" -dict="$here/config.dict" -max_total_time="$seconds" -timeout=10 \
+  "$build/tests/fuzz/${t}_fuzz" "${dict[@]}" -max_total_time="$seconds" -timeout=10 \
     -rss_limit_mb=2048 -print_final_stats=1 -artifact_prefix="$build/artifacts/$t-" \
     ${TOVI_FUZZ_ARGS:-} "$corpus" >"$log" 2>&1 || status=$?
   runs=$(awk '/stat::number_of_executed_units/ { s += $2 } END { print s + 0 }' "$log")
   echo "$t: $runs executions, corpus $(ls "$corpus" | wc -l) inputs, exit $status"
+  # A target may sum up its own run in a line that starts with its name.
+  grep -a "^$t: " "$log" || true
   if [ "$status" -ne 0 ]; then
     grep -E -A30 '^==[0-9]+==|check failed|ERROR: libFuzzer' "$log" | head -60 >&2
     failed=1

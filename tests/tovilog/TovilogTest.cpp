@@ -202,15 +202,15 @@ TEST(TovilogEvents, RecoveredRecordsAndTheCrashReport) {
     dead.FindDead(dir.path(), "rec");
     int error = 0;
     ASSERT_TRUE(dead.Create(error)) << error;
-    char stamp[timestamp::kLength + 1];
-    timestamp::FormatNow(stamp);
-    char text[] = "m INFO: kept 0";
     const RecordQueue queue(0);
-    ToviLogRecord record;
-    record.m_pTime = stamp, record.m_pText = text, record.m_nTextLen = sizeof text - 1, record.m_nThreadId = 0x2a;
-    for (char last : {'0', '1'}) {
-      text[sizeof text - 2] = last;
-      EXPECT_NE(dead.Append(record, queue), 0u);
+    for (const char* text : {"mkept 0", "mkept 1"}) {
+      RecordJournal::Entry* entry = dead.Reserve(7, queue);
+      ASSERT_NE(entry, nullptr);
+      entry->thread = 0x2a, entry->level = LEVEL_INFO, entry->flags = RecordJournal::kToFile;
+      entry->nameLength = 1, entry->messageLength = 6, entry->asn = nullptr;
+      entry->seconds = std::time(nullptr), entry->microseconds = 0;
+      std::memcpy(entry->Payload(), text, 7);
+      RecordJournal::Publish(entry);
     }
   }
   auto writer = NewWriter(dir.path(), "rec");

@@ -1,15 +1,19 @@
 // AddLog.cpp - the tracing thread's whole share of a log message.
 //
-// This is the hot path: it takes a recycled block, writes the time, at most
-// 255 bytes of the sub-module name, the level prefix and at most 2048 bytes
-// of the message into it behind the record, clones the optional ASN.1 value
-// and queues the block. It does no I/O and, once the pool is warm, no
-// allocation; everything else happens on the writer thread.
+// This is the hot path: it reads the clock, reserves an entry in the
+// writer's ring, copies at most 255 bytes of the sub-module name and the
+// message (at most 2048 bytes of text, or a Printf call's captured format
+// and arguments) into it, clones the optional ASN.1 value and publishes the
+// entry. No lock, no allocation, no I/O, no formatting: the time stamp, the
+// level prefix and a capture's text are made on the writer thread. A record
+// with no output is the exception: it is held back, formatted, in the
+// bounded store an assertion empties.
 #include <atomic>
 #include <cstring>
 
 #include <AsnType.h>
 
+#include "logwriter/DeferredFormat.h"
 #include "logwriter/LogFormat.h"
 #include "logwriter/RecordBlock.h"
 #include "logwriter/RecordJournal.h"
@@ -26,26 +30,97 @@ constexpr std::size_t kMaxMessage = 2048;
 // Longer names are cut: a record's size, and with it what a stalled writer
 // holds, must not depend on what a caller passes as a name.
 constexpr std::size_t kMaxSubModuleName = 255;
+
+std::size_t NameLength(const std::string& subModule) {
+  return subModule.size() < kMaxSubModuleName ? subModule.size() : kMaxSubModuleName;
+}
 }  // namespace
 
 void ToviLogWriter::TakeRecordsOnlyFrom(uint32_t thread) {
   g_onlyThread.store(thread, std::memory_order_relaxed);
 }
 
-bool ToviLogWriter::AddLog(const std::string& subModule, ToviLogLevel level, const char* text,
-                           const AsnType* asn, bool bPrint, bool bLog) {
-  if (!m_started || text == nullptr) return false;
-  const uint32_t thread = toviport::CurrentThreadId();
+bool ToviLogWriter::Admits(uint32_t thread) const {
+  if (!m_started) return false;
   const uint32_t only = g_onlyThread.load(std::memory_order_relaxed);
   if (only != 0 && only != thread) return false;
   // A thread that traces can report its own stack overflow.
   toviport::EnsureAltStack();
+  return true;
+}
 
-  // "<sub-module> <prefix><message>", the message cut at 2048 bytes.
-  const std::string_view prefix = logformat::LevelPrefix(level);
+bool ToviLogWriter::AddLog(const std::string& subModule, ToviLogLevel level, const char* text,
+                           const AsnType* asn, bool bPrint, bool bLog) {
+  if (text == nullptr) return false;
+  const uint32_t thread = toviport::CurrentThreadId();
+  if (!Admits(thread)) return false;
+  bPrint = bPrint || m_options.printAll;
+  bLog = bLog || m_options.logAll;
   const std::size_t messageLen = strnlen(text, kMaxMessage);
-  const std::size_t nameLen =
-      subModule.size() < kMaxSubModuleName ? subModule.size() : kMaxSubModuleName;
+  if (!bPrint && !bLog) return HoldBack(subModule, level, text, messageLen, asn, thread);
+  const uint16_t flags = (bLog ? RecordJournal::kToFile : 0) | (bPrint ? RecordJournal::kToConsole : 0);
+  return Enqueue(subModule, level, flags, text, messageLen, asn, thread);
+}
+
+bool ToviLogWriter::AddCapture(const std::string& subModule, ToviLogLevel level,
+                               const char* capture, std::size_t size, bool bPrint, bool bLog) {
+  const uint32_t thread = toviport::CurrentThreadId();
+  if (!Admits(thread)) return false;
+  bPrint = bPrint || m_options.printAll;
+  bLog = bLog || m_options.logAll;
+  if (!bPrint && !bLog) {
+    char text[deferred::kMaxText + 1];
+    const std::size_t length = deferred::Render(capture, size, text);
+    return length > 0 && HoldBack(subModule, level, text, length, nullptr, thread);
+  }
+  const uint16_t flags = RecordJournal::kDeferred | (bLog ? RecordJournal::kToFile : 0) |
+                         (bPrint ? RecordJournal::kToConsole : 0);
+  return Enqueue(subModule, level, flags, capture, size, nullptr, thread);
+}
+
+bool ToviLogWriter::Enqueue(const std::string& subModule, ToviLogLevel level, uint16_t flags,
+                            const char* message, std::size_t messageLen, const AsnType* asn,
+                            uint32_t thread) {
+  AsnType* clone = nullptr;
+  if (asn != nullptr) {
+    try {
+      clone = asn->Clone();
+    } catch (...) {
+      return false;  // the caller's value could not be copied
+    }
+  }
+  int64_t seconds = 0;
+  long microseconds = 0;
+  toviport::CurrentTimeOfDay(seconds, microseconds);
+  const std::size_t nameLen = NameLength(subModule);
+  RecordJournal::Entry* entry = m_journal.Reserve(nameLen + messageLen, m_queue);
+  if (entry == nullptr) {
+    delete clone;
+    m_queue.CountDropped(1);
+    return false;
+  }
+  entry->thread = thread;
+  entry->level = level;
+  entry->flags = flags;
+  entry->nameLength = static_cast<uint16_t>(nameLen);
+  entry->seconds = seconds;
+  entry->microseconds = static_cast<int32_t>(microseconds);
+  entry->messageLength = static_cast<uint32_t>(messageLen);
+  entry->asn = clone;
+  char* payload = entry->Payload();
+  std::memcpy(payload, subModule.data(), nameLen);
+  std::memcpy(payload + nameLen, message, messageLen);
+  RecordJournal::Publish(entry);
+  WakeWriter();
+  return true;
+}
+
+// A record nobody asked to see, kept formatted for an assertion to bring
+// out: "<sub-module> <prefix><message>" behind its record in one block.
+bool ToviLogWriter::HoldBack(const std::string& subModule, ToviLogLevel level, const char* text,
+                             std::size_t messageLen, const AsnType* asn, uint32_t thread) {
+  const std::string_view prefix = logformat::LevelPrefix(level);
+  const std::size_t nameLen = NameLength(subModule);
   const std::size_t textLen = nameLen + 1 + prefix.size() + messageLen;
   const std::size_t bytes = recordblock::RecordBytes(textLen);
   ACE_Message_Block* block = recordblock::Acquire(bytes);
@@ -71,8 +146,6 @@ bool ToviLogWriter::AddLog(const std::string& subModule, ToviLogLevel level, con
   record->m_nTextLen = static_cast<uint32_t>(textLen);
   record->m_nSubModuleLen = static_cast<uint32_t>(nameLen);
   record->m_nThreadId = thread;
-  record->m_bPrint = bPrint || m_options.printAll;
-  record->m_bLog = bLog || m_options.logAll;
   record->m_nLevel = level;
   if (asn != nullptr) {
     try {
@@ -82,12 +155,14 @@ bool ToviLogWriter::AddLog(const std::string& subModule, ToviLogLevel level, con
       return false;
     }
   }
-  // In the journal before the queue: once the call returns true, the record
-  // outlives the process. Records for the console alone, and those held
-  // back, are not journaled.
-  const uint64_t entry = record->m_bLog ? m_journal.Append(*record, m_queue) : 0;
-  record->m_nJournal = entry;
-  if (m_queue.Put(block)) return true;
-  m_journal.Drop(entry);
-  return false;
+  return m_queue.HoldBack(block);
+}
+
+void ToviLogWriter::WakeWriter() {
+  // The reservation's compare-and-swap and this load are sequentially
+  // consistent, as are the writer's store of the flag and its load of the
+  // head before it sleeps: either the writer sees the reservation and does
+  // not sleep, or this sees the writer asleep and wakes it.
+  if (!m_writerAsleep.load(std::memory_order_seq_cst)) return;
+  if (m_writerAsleep.exchange(false, std::memory_order_acq_rel)) m_wake.release();
 }

@@ -1,14 +1,13 @@
-// RecordQueue.h - the records between the tracing threads and one writer
-// thread.
+// RecordQueue.h - what a writer's producers share besides the record ring:
+// the held-back records, the drop count and what producers need to know
+// about the writer thread.
 //
-// A record with an output goes onto the output queue, which the writer
-// thread drains in order. When that queue is full a producer waits for room,
-// as long as the writer is making progress; while the writer cannot write
-// (its thread has ended, no log file can be created, the disk is full) the
-// record is dropped and counted at once, so a logging problem never stops
-// the threads that log. A record with no output is
-// held back in a bounded store whose oldest record makes room for the
-// newest, until an assertion brings them out.
+// A record with no output is held back in a bounded store whose oldest
+// record makes room for the newest, until an assertion brings them out.
+// Records with an output go through the writer's RecordJournal; while the
+// writer cannot write (its thread has ended, no log file can be created,
+// the disk is full) a record that finds the ring full is dropped and
+// counted at once, so a logging problem never stops the threads that log.
 #ifndef TOVI_LOGWRITER_RECORDQUEUE_H
 #define TOVI_LOGWRITER_RECORDQUEUE_H
 
@@ -16,7 +15,10 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "logwriter/RecordBatchQueue.h"
+#include <ace/Condition_Thread_Mutex.h>
+#include <ace/Message_Queue.h>
+#include <ace/Synch.h>
+#include <ace/Thread_Mutex.h>
 
 class RecordQueue {
 public:
@@ -25,22 +27,13 @@ public:
   RecordQueue(const RecordQueue&) = delete;
   RecordQueue& operator=(const RecordQueue&) = delete;
 
-  // Producers. Takes over a block made by recordblock::Acquire; false when
-  // its record was dropped (and counted).
-  bool Put(ACE_Message_Block* block);
-  // Queues the record that tells the writer thread to end, behind the rest.
-  void PutEndMarker();
+  // Producers. Takes over a block made by recordblock::Acquire whose
+  // record has no output; false when it could not be kept.
+  bool HoldBack(ACE_Message_Block* block);
 
-  // The writer thread. Takes every queued record into a chain, waiting up to
-  // waitMs for the first; -1 with errno EWOULDBLOCK when none came.
-  int TakeAll(ACE_Message_Block*& chain, unsigned waitMs);
-  // Gives back the room of records taken and written.
-  void Release(std::size_t bytes, std::size_t length) { m_output.release_bytes(bytes, length); }
-  // Puts back, in order, what followed the end marker in a chain.
-  void PutBack(ACE_Message_Block* chain) { m_output.requeue_head(chain); }
-  // The oldest held-back record, or null when there is none.
+  // The writer thread. The oldest held-back record, or null when there is
+  // none.
   ACE_Message_Block* TakeHeldBack();
-  static std::size_t Charge(const ACE_Message_Block* block) { return RecordBatchQueue::charge(block); }
 
   // What producers need to know about the writer thread.
   void SetWriterStalled(bool stalled) { m_writerStalled.store(stalled, std::memory_order_release); }
@@ -52,41 +45,30 @@ public:
   }
 
   // Records that had to be dropped, counted until a file can say so.
-  void CountDropped(uint64_t records) { m_dropped->fetch_add(records, std::memory_order_relaxed); }
-  // Before any producer: the count lives in counter from now on (one that
-  // outlives the process), starting from what it holds.
+  void CountDropped(uint64_t records) {
+    m_dropped.load(std::memory_order_acquire)->fetch_add(records, std::memory_order_relaxed);
+  }
+  // The count lives in counter from now on (one that outlives the
+  // process). A producer that still counts in the old place is not lost:
+  // both are taken.
   void KeepDropCountIn(std::atomic<uint64_t>* counter) {
-    if (counter != nullptr) m_dropped = counter;
+    if (counter != nullptr) m_dropped.store(counter, std::memory_order_release);
   }
   uint64_t TakeDropped();
-  uint64_t DroppedSoFar() const { return m_dropped->load(std::memory_order_relaxed); }
+  uint64_t DroppedSoFar() const;
 
-  // The stop sequence, once the writer thread has ended. Clear* drop what is
+  // The stop sequence, once the writer thread has ended: drops what is
   // left; false when a record could not be taken.
-  void DiscardUnusedEndMarker();
-  // records counts what was dropped, end markers aside.
-  bool ClearOutput(std::size_t& records) { return Clear(m_output, records); }
-  bool ClearHeldBack() {
-    std::size_t records = 0;
-    return Clear(m_heldBack, records);
-  }
-
-  std::size_t OutputCount() { return m_output.message_count(); }
-  // Nothing queued, and nothing taken that the writer has not released.
-  bool Drained() { return m_output.message_bytes() == 0; }
+  bool ClearHeldBack();
   std::size_t HeldBackCount() { return m_heldBack.message_count(); }
 
 private:
-  bool EnqueueOutput(ACE_Message_Block* block);
-  static bool Clear(RecordBatchQueue& queue, std::size_t& records);
-
-  RecordBatchQueue m_output;
-  RecordBatchQueue m_heldBack;
+  ACE_Message_Queue<ACE_MT_SYNCH> m_heldBack;
   const unsigned m_heldBackLimit;
   std::atomic<bool> m_writerGone{false};
   std::atomic<bool> m_writerStalled{false};
   std::atomic<uint64_t> m_ownDropped{0};
-  std::atomic<uint64_t>* m_dropped = &m_ownDropped;
+  std::atomic<std::atomic<uint64_t>*> m_dropped{&m_ownDropped};
 };
 
 #endif

@@ -1,19 +1,20 @@
 // ToviLogWriter.cpp - building a writer, its thread, and its stop.
 //
-// The thread is the only code that takes records off the queue and, while
+// The thread is the only code that takes records off the ring and, while
 // it runs, the only code that touches the sinks. It takes whatever is
-// queued, formats each record once and offers it to the sinks (file, then
-// forwarding, then console); after a bounded batch it has the sinks hand
-// what they gathered on, so each batch reaches the kernel in one write
-// before the thread looks for more. When the queue runs dry after work it
-// naps briefly before it waits on the queue, so that producers who keep
-// coming find a writer that needs no waking.
+// published, formats each record once (the time stamp from the clock
+// reading, a Printf call's text from its capture) and offers it to the
+// sinks (file, then forwarding, then console); after a bounded batch it has
+// the sinks hand what they gathered on, so each batch reaches the kernel in
+// one write before the thread looks for more. When the ring runs dry after
+// work it naps briefly before it sleeps, so that producers who keep coming
+// find a writer that needs no waking.
 //
-// The stop is asked for behind the records already queued, so those are
-// written; the destructor then joins the thread, counts and drops what is
+// The stop is asked for behind the records already published, so those are
+// written; the destructor then joins the thread, counts and lets go what is
 // left, and closes the file. Every wait there is bounded: the writer thread
 // notices a stop within 100 ms whether or not the end marker reached the
-// queue, and a marker that finds no room on a writer that cannot write is
+// ring, and a marker that finds no room on a writer that cannot write is
 // given up at once.
 #include "logwriter/ToviLogWriter.h"
 
@@ -21,7 +22,10 @@
 #include <cstdio>
 #include <cstring>
 
+#include <AsnType.h>
+
 #include "ToviBaseUtil.h"
+#include "logwriter/DeferredFormat.h"
 #include "logwriter/FormatAsnTrace.h"
 #include "logwriter/LogFormat.h"
 #include "logwriter/RecordBlock.h"
@@ -31,12 +35,18 @@
 
 namespace {
 // How often the idle writer thread looks at the stop flag, so that a stop
-// never depends on an end marker reaching the queue.
+// never depends on an end marker reaching the ring.
 constexpr unsigned kIdleWakeMs = 100;
-// The record bytes written between two hand-overs to the kernel.
-constexpr std::size_t kBatchRecordBytes = 64 * 1024;
-// The nap after a batch that emptied the queue.
+// The record text written between two hand-overs to the kernel: with the
+// heads, half the file set's own batch, so that a hand-over, not the
+// file set, decides where a batch ends.
+constexpr std::size_t kBatchRecordBytes = 32 * 1024;
+// The nap after a batch that emptied the ring.
 constexpr unsigned kDryNapUs = 2000;
+// The longest text a record carries (AddLog cuts it there).
+constexpr std::size_t kMaxMessageBytes = 2048;
+// The pause while a producer fills the entry the writer would read next.
+constexpr unsigned kFillingNapUs = 50;
 
 // The two day-of-month characters of the last record any writer of the
 // process handled, packed into one value so that both are read and replaced
@@ -100,12 +110,15 @@ ToviLogWriter::ToviLogWriter(const LogWriterOptions& options)
       m_files(FileSettings(options, m_logPath), *this, m_archive, m_journal, m_stopRequested),
       m_console(m_files),
       m_notice(m_logPath) {
-  // The journal first: what producers accept from the start must outlive
-  // the process. Without one (no room, no directory) the writer works as
-  // before, and says so.
+  // The ring first: what producers accept from the start must outlive the
+  // process. A directory that is not there yet is made now rather than by
+  // the thread in a moment, so that the journal can live in it; one that
+  // cannot be made gives a ring in memory until it can.
+  toviport::MakeDirTree(m_logPath.c_str(), options.dirMode);
   m_journal.FindDead(m_logPath, options.prefix);
   int error = 0;
-  if (m_journal.Create(error)) m_queue.KeepDropCountIn(m_journal.DropCounter());
+  if (!m_journal.Create(error)) return;  // not even memory: no thread, every record refused
+  m_queue.KeepDropCountIn(m_journal.DropCounter());
   m_sinks.Attach(SinkChain::kFile, &m_files);
   m_sinks.Attach(SinkChain::kConsole, &m_console);
   // Joinable, so that the stop sequence returns the moment the thread has
@@ -154,7 +167,7 @@ void ToviLogWriter::RunPeriodicTask() {
 
 bool ToviLogWriter::WaitDrained(int64_t deadlineMs) {
   for (;;) {
-    if (m_queue.Drained()) return true;
+    if (m_journal.AllConsumed()) return true;
     if (toviport::SteadyMs() >= deadlineMs) return false;
     toviport::SleepMs(1);
   }
@@ -181,20 +194,15 @@ void ToviLogWriter::WriteRecovered() {
     m_files.WriteText(line);
     m_files.ReportDropped(dropped);
   };
-  const auto write = [this](const RecordJournal::Recovered& recovered) {
-    char stamp[logformat::kStampLength + 1];
-    std::memcpy(stamp, recovered.stamp, logformat::kStampLength);
-    stamp[logformat::kStampLength] = '\0';
+  const auto write = [this](const RecordJournal::View& view) {
     ToviLogRecord record;
-    record.m_pTime = stamp;
-    record.m_nThreadId = recovered.thread;
-    record.m_nLevel = static_cast<ToviLogLevel>(recovered.level);
+    if (!Compose(view, record)) return;  // a damaged entry
     char head[32];
     const std::size_t headLen = FormatHead(record, head);
-    const std::size_t length = recovered.textLength;
-    const bool lineEnd = length > 0 && recovered.text[length - 1] != '\n';
+    const std::size_t length = record.m_nTextLen;
+    const bool lineEnd = length > 0 && record.m_pText[length - 1] != '\n';
     static const std::string kNoAsn;
-    m_files.Add(SinkRecord{record, head, headLen, recovered.text, length, lineEnd, kNoAsn, true,
+    m_files.Add(SinkRecord{record, head, headLen, record.m_pText, length, lineEnd, kNoAsn, true,
                            false, false});
   };
   m_journal.Recover(begin, write);
@@ -207,12 +215,16 @@ void ToviLogWriter::FileStalled(int error, bool creating) {
 
 void ToviLogWriter::FileWritable() {
   m_queue.SetWriterStalled(false);
-  // A directory that was not there at the start may take the journal now;
+  // A directory that was not usable at the start may take the journal now;
   // one that takes files but not the journal is worth a word.
   int error = 0;
-  if (!m_journal.IsOpen() && !m_journal.Create(error) && !m_journalRefused) {
-    m_journalRefused = true;
-    m_notice.NoJournal(error);
+  if (!m_journal.IsPersistent()) {
+    if (m_journal.MoveToFile(error)) {
+      m_queue.KeepDropCountIn(m_journal.DropCounter());
+    } else if (!m_journalRefused) {
+      m_journalRefused = true;
+      m_notice.NoJournal(error);
+    }
   }
   m_notice.Recovered(m_queue.DroppedSoFar());
 }
@@ -259,61 +271,136 @@ void ToviLogWriter::DrainOutputQueue() {
   m_writerRole.AssertHeld();
   bool dry = true;
   for (;;) {
-    if (m_stopRequested.load(std::memory_order_acquire) && m_queue.OutputCount() == 0) return;
     RunPeriodicTask();
-    ACE_Message_Block* chain = nullptr;
-    if (m_queue.TakeAll(chain, dry ? kIdleWakeMs : 0) == -1) {
-      if (errno == EWOULDBLOCK) {
-        if (!dry) toviport::SleepUs(kDryNapUs);
-        dry = true;
-        continue;
-      }
-      WriteLine(m_files, logformat::kNoMessageBlock);
-      m_files.Flush();
-      m_files.SleepUnlessStopped(100);
+    const Batch batch = WriteBatch();
+    if (batch == Batch::kEnded) return;
+    if (batch == Batch::kWrote) {
+      dry = false;
       continue;
     }
-    dry = false;
-    if (WriteBatch(chain)) return;
+    if (m_stopRequested.load(std::memory_order_acquire) && !m_journal.Reserved()) return;
+    if (!dry) {
+      toviport::SleepUs(kDryNapUs);
+      dry = true;
+      continue;
+    }
+    SleepUntilWoken(kIdleWakeMs);
   }
 }
 
-bool ToviLogWriter::WriteBatch(ACE_Message_Block* chain) {
-  m_writerRole.AssertHeld();
-  // What was written since the last hand-over, in queue bytes and lengths.
-  std::size_t bytes = 0;
-  std::size_t length = 0;
-  const auto handOver = [&] {
-    m_sinks.HandOver();
-    m_queue.Release(bytes, length);
-    bytes = length = 0;
-  };
-  for (ACE_Message_Block* block = chain; block != nullptr;) {
-    ACE_Message_Block* next = block->next();
-    block->next(nullptr);
-    bytes += RecordQueue::Charge(block);
-    length += block->length();
-    ToviLogRecord* record = recordblock::RecordIn(block);
-    const bool ended = record->IsEndMarker();
-    if (ended) {
-      // What was queued behind the marker stays for the stop sequence to
-      // count.
-      if (next != nullptr) m_queue.PutBack(next);
-    } else if (record->HasData()) {
-      WriteRecord(record, false);
-    } else {
-      WriteLine(m_files, logformat::kNoOutputData);
-    }
-    recordblock::Release(block);
-    if (ended) {
-      handOver();
-      return true;
-    }
-    if (length >= kBatchRecordBytes) handOver();
-    block = next;
+void ToviLogWriter::SleepUntilWoken(unsigned ms) {
+  // See WakeWriter for why the flag and the head are read and written
+  // with sequential consistency.
+  m_writerAsleep.store(true, std::memory_order_seq_cst);
+  if (m_journal.Reserved()) {
+    // A producer is filling the next entry: it is moments away.
+    m_writerAsleep.store(false, std::memory_order_relaxed);
+    toviport::SleepUs(kFillingNapUs);
+    return;
   }
-  handOver();
-  return false;
+  ACE_Time_Value deadline = toviport::DeadlineAfterMs(ms);
+  m_wake.acquire(deadline);
+  m_writerAsleep.store(false, std::memory_order_relaxed);
+}
+
+ToviLogWriter::Batch ToviLogWriter::WriteBatch() {
+  m_writerRole.AssertHeld();
+  std::size_t length = 0;
+  bool wrote = false;
+  while (RecordJournal::Entry* entry = m_journal.Next()) {
+    wrote = true;
+    if ((entry->flags & RecordJournal::kEndMarker) != 0) {
+      // What was published behind the marker stays for the stop sequence
+      // to count.
+      m_journal.Consumed(entry, true);
+      HandOver();
+      return Batch::kEnded;
+    }
+    length += WriteEntry(*entry);
+    if (length >= kBatchRecordBytes) break;
+  }
+  if (wrote) HandOver();
+  return wrote ? Batch::kWrote : Batch::kEmpty;
+}
+
+void ToviLogWriter::HandOver() {
+  m_sinks.HandOver();
+  m_journal.Settle();
+  m_journal.Trim();
+}
+
+bool ToviLogWriter::Compose(const RecordJournal::View& view, ToviLogRecord& record) {
+  timestamp::Format(static_cast<time_t>(view.seconds), view.microseconds, m_stamp);
+  const std::string_view prefix = logformat::LevelPrefix(view.level);
+  char* p = m_text;
+  std::memcpy(p, view.name, view.nameLength);
+  p += view.nameLength;
+  *p++ = ' ';
+  std::memcpy(p, prefix.data(), prefix.size());
+  p += prefix.size();
+  std::size_t messageLen = view.messageLength;
+  if ((view.flags & RecordJournal::kDeferred) != 0) {
+    messageLen = deferred::Render(view.message, view.messageLength, p);
+    if (messageLen == 0) return false;
+  } else {
+    if (messageLen > kMaxMessageBytes) return false;
+    std::memcpy(p, view.message, messageLen);
+  }
+  p[messageLen] = '\0';
+  record.m_pTime = m_stamp;
+  record.m_pText = m_text;
+  record.m_nTextLen = static_cast<uint32_t>(p + messageLen - m_text);
+  record.m_nSubModuleLen = static_cast<uint32_t>(view.nameLength);
+  record.m_nThreadId = view.thread;
+  record.m_nLevel = static_cast<ToviLogLevel>(view.level);
+  return true;
+}
+
+std::size_t ToviLogWriter::WriteEntry(RecordJournal::Entry& entry) {
+  const uint64_t handle = m_journal.HandleOf(&entry);
+  ToviLogRecord record;
+  // The record frees the clone once it is rendered.
+  record.m_pAsn = entry.asn;
+  entry.asn = nullptr;
+  const bool composed = Compose(RecordJournal::ViewOf(entry), record);
+  record.m_bLog = (entry.flags & RecordJournal::kToFile) != 0;
+  record.m_bPrint = (entry.flags & RecordJournal::kToConsole) != 0;
+  record.m_nJournal = handle;
+  // Done with the entry's memory: the sinks see the writer's copy. A
+  // journaled entry is done once its batch is in the file, which may be
+  // within the sinks' Add; any other is done now.
+  m_journal.Consumed(&entry, handle == 0);
+  if (!composed) return 0;
+  WriteRecord(&record, false);
+  return record.m_nTextLen;
+}
+
+void ToviLogWriter::PutEndMarker() {
+  RecordJournal::Entry* entry = m_journal.Reserve(0, m_queue);
+  if (entry == nullptr) return;
+  entry->thread = toviport::CurrentThreadId();
+  entry->level = LEVEL_INFO;
+  entry->flags = RecordJournal::kEndMarker;
+  entry->nameLength = 0;
+  entry->seconds = 0;
+  entry->microseconds = 0;
+  entry->messageLength = 0;
+  entry->asn = nullptr;
+  RecordJournal::Publish(entry);
+  WakeWriter();
+}
+
+std::size_t ToviLogWriter::ClearOutput() {
+  m_writerRole.AssertHeld();
+  std::size_t records = 0;
+  while (RecordJournal::Entry* entry = m_journal.Next()) {
+    if ((entry->flags & RecordJournal::kEndMarker) == 0) ++records;
+    delete entry->asn;
+    entry->asn = nullptr;
+    m_journal.Consumed(entry, m_journal.HandleOf(entry) == 0);
+  }
+  m_journal.Settle();
+  return records;
 }
 
 void ToviLogWriter::WriteRecord(ToviLogRecord* record, bool fromDiscardQueue) {
@@ -382,20 +469,18 @@ ToviLogWriter::~ToviLogWriter() {
   m_stopRequested.store(true, std::memory_order_release);
   if (m_started) {
     try {
-      m_queue.PutEndMarker();
+      PutEndMarker();
       toviport::JoinThread(m_thread);
       m_writerRole.Claim();
       m_archive.Wait();
-      m_queue.DiscardUnusedEndMarker();
 
       // Drops counted after the thread's last word (producers that gave up
       // on a writer without a file).
       ReportDropped();
       WriteStopLine(logformat::kStopClearHeldBack, m_queue.HeldBackCount(), true);
       if (!m_queue.ClearHeldBack()) WriteLine(m_files, logformat::kHeldBackClearFailed);
-      WriteStopLine(logformat::kStopClearOutput, m_queue.OutputCount(), true);
-      std::size_t unwritten = 0;
-      if (!m_queue.ClearOutput(unwritten)) WriteLine(m_files, logformat::kOutputClearFailed);
+      WriteStopLine(logformat::kStopClearOutput, m_journal.Waiting(), true);
+      const std::size_t unwritten = ClearOutput();
       WriteStopLine(logformat::kStopCleared, 0, false);
       // Without a file none of that reached anyone who looks in the files;
       // with a journal it is written at the next start.

@@ -1,14 +1,16 @@
 // ToviLogWriter.h - one asynchronous log writer: the thread that drives a
 // record queue, a file set and an archive.
 //
-// Tracing threads only build a record (AddLog) and queue it. The writer's
-// own thread takes the records in order, in batches, and prints them and/or
+// Tracing threads only copy a record into the writer's ring (AddLog). The
+// writer's own thread takes the records in order, in batches, formats them
+// (the time stamp, a Printf call's text), and prints them and/or
 // writes them into time-stamped files, which roll over by size and are then
 // compressed and pruned. Each batch reaches the kernel in one write before
 // the thread waits again. Records that nobody asked to see wait, a bounded
 // number of them, until an assertion brings them out.
 //
-//   RecordQueue      records on their way from tracing threads
+//   RecordJournal    the ring of records on their way from tracing threads
+//   RecordQueue      the held-back records, the drop count
 //   RecordSink       where the writer thread hands each formatted record:
 //     LogFileSet     the current file: create, write, roll over, close, faults
 //     ConsoleOutput  the bounded console output
@@ -25,11 +27,14 @@
 #include <string>
 #include <string_view>
 
+#include <ace/Thread_Semaphore.h>
+
 #include "ToviLogLevel.h"
 #include "logwriter/ConsoleOutput.h"
 #include "logwriter/LogArchive.h"
 #include "logwriter/LogFileNames.h"
 #include "logwriter/LogFileSet.h"
+#include "logwriter/LogFormat.h"
 #include "logwriter/RecordJournal.h"
 #include "logwriter/RecordQueue.h"
 #include "logwriter/RecordSink.h"
@@ -66,6 +71,10 @@ public:
   // or dropped.
   bool AddLog(const std::string& subModule, ToviLogLevel level, const char* text,
               const AsnType* asn, bool bPrint, bool bLog);
+  // The same for a Printf call's format and arguments as deferred::Capture
+  // took them (size bytes): the writer thread formats them.
+  bool AddCapture(const std::string& subModule, ToviLogLevel level, const char* capture,
+                  std::size_t size, bool bPrint, bool bLog);
   // From now on every writer of the process refuses records from any
   // thread but thread, so that what was accepted can drain while the
   // process dies. Async-signal-safe.
@@ -90,16 +99,39 @@ public:
   bool WaitDrained(int64_t deadlineMs);
 
   // Records waiting in each queue (not yet taken by the writer thread).
-  std::size_t OutputQueueCount() { return m_queue.OutputCount(); }
+  std::size_t OutputQueueCount() const { return m_journal.Waiting(); }
   std::size_t DiscardQueueCount() { return m_queue.HeldBackCount(); }
 
 private:
+  // The hot path's parts (AddLog.cpp).
+  bool Admits(uint32_t thread) const;
+  bool Enqueue(const std::string& subModule, ToviLogLevel level, uint16_t flags,
+               const char* message, std::size_t messageLen, const AsnType* asn, uint32_t thread);
+  bool HoldBack(const std::string& subModule, ToviLogLevel level, const char* text,
+                std::size_t messageLen, const AsnType* asn, uint32_t thread);
+  void WakeWriter();
+
   static void* OutputThread(void* self);
-  // Takes batches off the queue until the end marker, or a stop with
+  // Takes batches off the ring until the end marker, or a stop with
   // nothing left to write.
   void DrainOutputQueue();
-  // Writes the records of a chain; true when it held the end marker.
-  bool WriteBatch(ACE_Message_Block* chain);
+  enum class Batch { kEmpty, kWrote, kEnded };
+  // Writes what is published, one batch at most.
+  Batch WriteBatch();
+  // Hands what the sinks gathered on.
+  void HandOver();
+  // Sleeps up to ms, or until a producer wakes the thread.
+  void SleepUntilWoken(unsigned ms);
+  // What an entry says, as a record with its stamp and text in the
+  // writer's buffers; false when the entry is damaged.
+  bool Compose(const RecordJournal::View& view, ToviLogRecord& record);
+  // Formats one entry and offers it to the sinks; its text bytes.
+  std::size_t WriteEntry(RecordJournal::Entry& entry);
+  // Queues the entry that tells the writer thread to end, behind the rest.
+  void PutEndMarker();
+  // The stop sequence: counts what the ring still holds and lets it go
+  // (what the file should have waits in the journal for the next start).
+  std::size_t ClearOutput();
   // Formats one record and offers it to the sinks.
   void WriteRecord(ToviLogRecord* record, bool fromDiscardQueue);
   void FlushDiscardQueue();
@@ -129,6 +161,12 @@ private:
   UnwritableNotice m_notice;
   // The journal could not be made even with a usable directory (said once).
   bool m_journalRefused = false;
+  // The writer thread sleeps; a producer that sees it wakes it.
+  std::atomic<bool> m_writerAsleep{false};
+  ACE_Thread_Semaphore m_wake{0};
+  // The writer thread's: an entry's stamp and composed text.
+  char m_stamp[logformat::kStampLength + 1] = {};
+  char m_text[4096] = {};
   // Set before the writer has records; then the writer thread's.
   std::function<std::string()> m_task;
   std::string m_taskSubModule;

@@ -26,6 +26,10 @@ int CreateMappedFile(const std::string& path, std::size_t size, MappedFile& out)
 // Maps an existing file whose owner is gone: 0, EWOULDBLOCK while its owner
 // still holds it, or the errno of the step that failed.
 int OpenDeadMappedFile(const std::string& path, MappedFile& out);
+// Memory of size bytes laid out like a mapped file but backed by no file
+// (fd stays -1), for a writer whose directory cannot take one: 0 or the
+// errno.
+int CreateMemoryMapping(std::size_t size, MappedFile& out);
 // Unmaps and closes (the lock goes with it); the file stays.
 void CloseMappedFile(MappedFile& file);
 

@@ -9,9 +9,12 @@
 // takes no lock, and the only locks are the queue's and, for application
 // writers, the writer table's.
 //
-// Printf formats into a fixed stack buffer and traces the text with no
-// demands of its own, so the sub-module's registry entry alone decides where
-// it goes. A text that does not fit is refused whole rather than cut.
+// Printf traces with no demands of its own, so the sub-module's registry
+// entry alone decides where its text goes. The call only copies its format
+// and arguments (deferred::Capture) and the writer thread formats them; a
+// call whose bytes could come out differently later, or that goes to an
+// engine, is formatted here into a fixed stack buffer. Either way a text
+// that does not fit is refused whole rather than cut.
 #include <bitset>
 #include <cerrno>
 #include <cstdarg>
@@ -27,11 +30,15 @@
 #include "debugmgr/SubModuleInfo.h"
 #include "debugmgr/SubModuleRegistry.h"
 #include "debugmgr/WriterTable.h"
+#include "logwriter/DeferredFormat.h"
 #include "logwriter/ToviLogWriter.h"
 #include "port/ToviPort.h"
 
 namespace {
 constexpr std::size_t kFormatBufSize = 2048;
+// A capture holds the format and the arguments, strings included, of a
+// text that fits in kFormatBufSize: more than that is formatted at once.
+constexpr std::size_t kCaptureBufSize = 4096;
 
 bool ValidLevel(ToviLogLevel level) { return level >= 0 && level <= 31; }
 
@@ -50,19 +57,36 @@ void WidenOutputs(const SubModuleRegistry& registry, const std::string& subModul
   bLog = bLog || outputs.test(OUTPUT_FILE);
 }
 
-// Formats into a stack buffer and traces the text with no demands of its
-// own; false, with nothing traced, when the text is empty, does not fit in
-// 2047 characters or cannot be formatted.
-bool TraceFormatted(ToviDebugMgr& manager, const std::string& subModule, ToviLogLevel level,
-                    const char* format, va_list args) {
-  char text[kFormatBufSize];
+}  // namespace
+
+bool ToviDebugMgr::TraceFormatted(const std::string& subModule, ToviLogLevel level,
+                                  const char* format, va_list args) {
   if (format == nullptr) return false;
+  ToviLogWriter* writer = nullptr;
+  if (m_pEngine->Current() == nullptr && !m_bTraceOff.load(std::memory_order_acquire) &&
+      ValidLevel(level)) {
+    writer = m_pWriters->Main();
+  }
+  if (writer != nullptr) {
+    char capture[kCaptureBufSize];
+    va_list copy;
+    va_copy(copy, args);
+    const std::size_t size = deferred::Capture(format, copy, capture, sizeof capture);
+    va_end(copy);
+    if (size > 0) {
+      bool bPrint = false;
+      bool bLog = false;
+      WidenOutputs(*m_pRegistry, subModule, level, bPrint, bLog);
+      writer->AddCapture(subModule, level, capture, size, bPrint, bLog);
+      return true;
+    }
+  }
+  char text[kFormatBufSize];
   const int n = std::vsnprintf(text, sizeof text, format, args);
   if (n < 1 || static_cast<std::size_t>(n) >= kFormatBufSize) return false;
-  manager.Trace(subModule, level, text, nullptr, false, false);
+  Trace(subModule, level, text, nullptr, false, false);
   return true;
 }
-}  // namespace
 
 bool ToviDebugMgr::Trace(const std::string& subModule, ToviLogLevel level, const char* text,
                          const AsnType* asn, bool bPrint, bool bLog) {
@@ -103,7 +127,7 @@ void ToviDebugMgr::Printf(ToviLogLevel level, const char* format, ...) {
   if (!pass || !m_bInit.load(std::memory_order_acquire)) return;
   va_list args;
   va_start(args, format);
-  const bool traced = TraceFormatted(*this, m_pDefaults->SubModule(), level, format, args);
+  const bool traced = TraceFormatted(m_pDefaults->SubModule(), level, format, args);
   va_end(args);
   if (!traced) toviport::ConsolePrintf("Printf, vsnprintf failed. errno:%d\n", errno);
 }
@@ -114,7 +138,7 @@ void ToviDebugMgr::Printf(ToviLogLevel level, const ToviInterString& subModule,
   if (!pass || !m_bInit.load(std::memory_order_acquire)) return;
   va_list args;
   va_start(args, format);
-  TraceFormatted(*this, subModule.str(), level, format, args);
+  TraceFormatted(subModule.str(), level, format, args);
   va_end(args);
 }
 
@@ -123,6 +147,6 @@ void ToviDebugMgr::Printf(const char* format, ...) {
   if (!pass || !m_bInit.load(std::memory_order_acquire)) return;
   va_list args;
   va_start(args, format);
-  TraceFormatted(*this, m_pDefaults->SubModule(), m_pDefaults->Level(), format, args);
+  TraceFormatted(m_pDefaults->SubModule(), m_pDefaults->Level(), format, args);
   va_end(args);
 }
