@@ -359,7 +359,13 @@ void RecordJournal::CutDeadFiles() {
                        header->headerBytes == kHeaderBytes && header->ringBytes == kRingBytes &&
                        header->entryBytes == sizeof(Entry);
     if (!valid) {
+      // A writer killed while it made its journal, before the header: no
+      // producer ever saw it, so it holds nothing. Anything else that is not
+      // ours to read stays.
+      const bool unmade = file.size >= sizeof kMagic && std::all_of(header->magic, header->magic + sizeof kMagic,
+                                                                    [](char c) { return c == 0; });
       toviport::CloseMappedFile(file);
+      if (unmade) toviport::RemoveFile(path.c_str());
       continue;
     }
     // A batch whose write was under way: the file loses it here and gets
