@@ -93,7 +93,7 @@ struct AltStack {
   }
 };
 thread_local AltStack t_altStack;
-thread_local bool t_altStackTried = false;
+thread_local bool t_altStackTried __attribute__((tls_model("initial-exec"))) = false;
 
 sem_t* SemOf(unsigned char* storage) { return reinterpret_cast<sem_t*>(storage); }
 }  // namespace

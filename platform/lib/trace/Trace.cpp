@@ -57,6 +57,18 @@ void WidenOutputs(const SubModuleRegistry& registry, const std::string& subModul
   bLog = bLog || outputs.test(OUTPUT_FILE);
 }
 
+// Formats into a stack buffer and traces the text with no demands of its
+// own; false, with nothing traced, when the text is empty, does not fit in
+// 2047 characters or cannot be formatted. Kept out of line: its buffer
+// should not weigh on the common road, which defers the formatting.
+[[gnu::noinline]] bool FormatAndTrace(ToviDebugMgr& manager, const std::string& subModule,
+                                      ToviLogLevel level, const char* format, va_list args) {
+  char text[kFormatBufSize];
+  const int n = std::vsnprintf(text, sizeof text, format, args);
+  if (n < 1 || static_cast<std::size_t>(n) >= kFormatBufSize) return false;
+  manager.Trace(subModule, level, text, nullptr, false, false);
+  return true;
+}
 }  // namespace
 
 bool ToviDebugMgr::TraceFormatted(const std::string& subModule, ToviLogLevel level,
@@ -81,11 +93,7 @@ bool ToviDebugMgr::TraceFormatted(const std::string& subModule, ToviLogLevel lev
       return true;
     }
   }
-  char text[kFormatBufSize];
-  const int n = std::vsnprintf(text, sizeof text, format, args);
-  if (n < 1 || static_cast<std::size_t>(n) >= kFormatBufSize) return false;
-  Trace(subModule, level, text, nullptr, false, false);
-  return true;
+  return FormatAndTrace(*this, subModule, level, format, args);
 }
 
 bool ToviDebugMgr::Trace(const std::string& subModule, ToviLogLevel level, const char* text,
