@@ -155,3 +155,68 @@ TEST(DebugMgr, LevelsFollowTheDebugFileWhileRunning) {
   ToviDebugMgr::Destroy();
   EXPECT_EQ(Occurrences(OnlyLog(inst.logs.path()), "debug configuration not reloaded: "), 1u);
 }
+
+// Threads trace without pause while the main thread, round after round,
+// registers a sub-module that they already looked up and found missing,
+// then lowers its level, and every tenth round puts a new manager in place
+// of the old: each call honours what was set before it started, so every
+// record of a raised level is in the file and none of a lowered one, and no
+// call uses what a destroyed manager freed (ASan, TSan).
+TEST(DebugMgr, CallsHonourEveryChangeMadeBeforeThem) {
+  MgrRoot inst("debug_level=0000\n");
+  struct Round {
+    ToviDebugMgr* mgr;
+    int n;
+  };
+  constexpr int kRounds = 120, kThreads = 3, kCallsPerRound = 20;
+  std::vector<Round> rounds(kRounds);
+  std::atomic<const Round*> now{nullptr};
+  std::atomic<int> finished{0};
+  std::atomic<bool> done{false};
+  const auto name = [](int n) { return "s" + std::to_string(n); };
+  const auto publish = [&](int n) {
+    rounds[n] = {ToviDebugMgr::Instance(), n};
+    now.store(&rounds[n], std::memory_order_release);
+  };
+  ASSERT_TRUE(ToviDebugMgr::Instance()->Init("hon0", "", inst.logs.path(), "", false, false));
+  publish(0);
+  ASSERT_TRUE(rounds[0].mgr->RegSubModuleInfo(name(0), Bits({LEVEL_INFO}), Bits({OUTPUT_FILE}), false));
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([&] {
+      for (int seen = -1; !done.load();) {
+        const Round* r = now.load(std::memory_order_acquire);
+        // An even round raised s<n>, the odd one after lowered it again.
+        const int raised = r->n & ~1;
+        for (int i = 0; r->n != seen && i < kCallsPerRound; ++i) {
+          EXPECT_TRUE(r->mgr->Trace(name(raised), LEVEL_INFO, r->n == raised ? "on" : "off", nullptr,
+                                    false, false));
+          r->mgr->Trace(name(raised + 2), LEVEL_INFO, "early", nullptr, false, false);
+        }
+        if (r->n != seen) seen = r->n, ++finished;
+        // Goes on through a manager that may be destroyed under it.
+        r->mgr->Trace("idle", LEVEL_INFO, "idle", nullptr, false, false);
+      }
+    });
+  }
+  for (int n = 1; n < kRounds; ++n) {
+    while (finished.load() < kThreads * n) std::this_thread::yield();
+    if (n % 10 == 0) {
+      ToviDebugMgr::Destroy();
+      EXPECT_TRUE(ToviDebugMgr::Instance()->Init("hon" + std::to_string(n), "", inst.logs.path(), "",
+                                                 false, false));
+    }
+    ToviDebugMgr* mgr = ToviDebugMgr::Instance();
+    EXPECT_TRUE(n % 2 == 0 ? mgr->RegSubModuleInfo(name(n), Bits({LEVEL_INFO}), Bits({OUTPUT_FILE}), false)
+                           : mgr->SetLogLevel(name(n - 1), LEVEL_INFO, false));
+    publish(n);
+  }
+  while (finished.load() < kThreads * kRounds) std::this_thread::yield();
+  done = true;
+  for (std::thread& th : threads) th.join();
+  ToviDebugMgr::Destroy();
+  std::string text;
+  for (const std::string& file : ListDir(inst.logs.path())) text += ReadFile(inst.logs / file);
+  EXPECT_EQ(Occurrences(text, "INFO: on\n"), std::size_t{kThreads * kCallsPerRound * kRounds / 2});
+  EXPECT_EQ(Occurrences(text, "INFO: off\n") + Occurrences(text, "INFO: early\n"), 0u);
+}

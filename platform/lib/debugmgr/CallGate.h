@@ -9,9 +9,10 @@
 // the manager or an engine first takes it out of reach, then waits until the
 // calls already inside have left.
 //
-// The counts live outside the manager, in static storage, spread over
-// padded shards: a thread keeps to the shard it was given, so the tracing
-// threads of a process do not all write one cache line.
+// The counts live outside the manager, in a record per thread that only
+// that thread writes, so tracing threads neither share a cache line nor
+// need a locked instruction to count themselves in and out. A record
+// outlives its thread and goes to the next new one.
 #ifndef TOVI_DEBUGMGR_CALLGATE_H
 #define TOVI_DEBUGMGR_CALLGATE_H
 

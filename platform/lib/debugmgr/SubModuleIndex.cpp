@@ -3,18 +3,27 @@
 
 #include <new>
 
+#include "debugmgr/SubModuleCache.h"
 #include "debugmgr/SubModuleInfo.h"
 
 namespace {
 constexpr std::size_t kFirstSlots = 64;
 }
 
+// Threads keep what they found under the index's address (SubModuleCache.h),
+// and a new index may take the address of one destroyed, say when a manager
+// is destroyed and made again. Both ends of an index's life move the
+// version on, so what was kept for an earlier index at the same address no
+// longer counts: no entry that a destroyed index freed is handed out.
 SubModuleIndex::SubModuleIndex(const std::string& fallback)
-    : m_fallbackName(fallback), m_fallbackHash(SubModuleInfo::HashOf(fallback)) {}
+    : m_fallbackName(fallback), m_fallbackHash(SubModuleInfo::HashOf(fallback)) {
+  submodulecache::Invalidate();
+}
 
 SubModuleIndex::~SubModuleIndex() {
   FreeTable(m_table.load(std::memory_order_relaxed));
   for (Table* table : m_retiredTables) FreeTable(table);
+  submodulecache::Invalidate();
 }
 
 SubModuleIndex::Table* SubModuleIndex::NewTable(std::size_t slots) {
@@ -49,8 +58,13 @@ SubModuleInfo* SubModuleIndex::Find(const std::string& name) const {
 }
 
 SubModuleInfo* SubModuleIndex::FindOrFallback(const std::string& name) const {
-  SubModuleInfo* entry = Find(name, SubModuleInfo::HashOf(name));
-  return entry != nullptr ? entry : m_fallback.load(std::memory_order_acquire);
+  SubModuleInfo* entry = nullptr;
+  uint64_t version = 0;
+  if (submodulecache::Find(this, name, entry, version)) return entry;
+  entry = Find(name, SubModuleInfo::HashOf(name));
+  if (entry == nullptr) entry = m_fallback.load(std::memory_order_acquire);
+  submodulecache::Keep(this, name, entry, version);
+  return entry;
 }
 
 SubModuleInfo* SubModuleIndex::Find(const std::string& name, uint64_t hash) const {
@@ -89,5 +103,8 @@ bool SubModuleIndex::Insert(SubModuleInfo* entry) {
   if (entry->Hash() == m_fallbackHash && entry->Name() == m_fallbackName) {
     m_fallback.store(entry, std::memory_order_release);
   }
+  // The name, and with the fallback every unregistered name, now finds
+  // another entry than the threads may have kept.
+  submodulecache::Invalidate();
   return true;
 }

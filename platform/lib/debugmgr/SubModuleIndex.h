@@ -29,6 +29,7 @@ public:
   // Any thread, no lock; null when the name has no entry.
   SubModuleInfo* Find(const std::string& name) const;
   // The name's entry, else the fallback's; null when neither has one.
+  // Answers a name this thread asked for lately from its own cache.
   SubModuleInfo* FindOrFallback(const std::string& name) const;
   // Under the registry lock held for writing; false when memory is short.
   bool Insert(SubModuleInfo* entry);
