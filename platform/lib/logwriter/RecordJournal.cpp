@@ -143,10 +143,9 @@ RecordJournal::Entry* RecordJournal::Reserve(std::size_t payload, const RecordQu
       const uint64_t left = kRingBytes - at % kRingBytes;
       if (left < size) at += left;  // the rest of this lap is padding
       if (at + size - header->tail.load(std::memory_order_acquire) > kRingBytes) {
-        // Full. Room comes back as the writer writes; a writer that cannot
-        // write (no file, a full disk) or has ended frees none, and is not
-        // waited for: the record is dropped and counted.
-        Trim(*header);
+        // Full. Room comes back as the writer writes and trims; a writer
+        // that cannot write (no file, a full disk) or has ended frees none,
+        // and is not waited for: the record is dropped and counted.
         if (!queue.WriterProgressing()) return nullptr;
         toviport::SleepUs(50);
         head = header->head.load(std::memory_order_relaxed);
@@ -323,9 +322,10 @@ void RecordJournal::Trim(Header& header) {
     if (!done) break;
     tail += entry->size.load(std::memory_order_relaxed);
   }
-  // Producers trim too when they find no room: the tail only moves forward.
-  while (tail > start && !header.tail.compare_exchange_weak(start, tail, std::memory_order_acq_rel)) {
-  }
+  // Only the writer's side trims: a scan from the tail reads entries that
+  // no producer can be reusing, since their room is not free until the
+  // tail has passed them.
+  if (tail > start) header.tail.store(tail, std::memory_order_release);
 }
 
 bool RecordJournal::Clean() {

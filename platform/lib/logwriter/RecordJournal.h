@@ -144,6 +144,7 @@ public:
   // A batch whose write failed: its entries wait to be written again.
   void Unwrite(const std::vector<uint64_t>& handles);
   // Moves the tails over what is done, so that its room can be taken again.
+  // The writer thread's alone (and the stop sequence's).
   void Trim();
   // Nothing accepted is left unwritten.
   bool Clean();
