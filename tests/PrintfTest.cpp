@@ -148,6 +148,7 @@ TEST(Printf, TheFileHoldsWhatTheCallWouldHaveFormatted) {
   BOTH("%2$s %1$s", "one", "two");
   BOTH("%ls", L"wide");
   BOTH("%s|%.3s", name, name);
+  BOTH("cut%c here", 0);
   std::strcpy(name, "after!");
   errno = ENOENT;
   BOTH("%m");

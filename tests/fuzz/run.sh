@@ -32,14 +32,9 @@ mkdir -p "$build/artifacts"
 for t in "${targets[@]}"; do
   corpus=$build/corpus/$t log=$build/$t.log status=0
   rm -rf "$corpus" && mkdir -p "$corpus" && cp "$here/corpus/$t"/* "$corpus/"
-  # A target's dictionary is $t.dict, if it has one; the configuration
-  # reader's predates that name.
+  # A target's dictionary is $t.dict, if it has one.
   dict=()
-  if [ "$t" = config_reader ]; then
-    dict=(-dict="$here/config.dict")
-  elif [ -f "$here/$t.dict" ]; then
-    dict=(-dict="$here/$t.dict")
-  fi
+  if [ -f "$here/$t.dict" ]; then dict=(-dict="$here/$t.dict"); fi
   # shellcheck disable=SC2086  # TOVI_FUZZ_ARGS is a list of options
   "$build/tests/fuzz/${t}_fuzz" "${dict[@]}" -max_total_time="$seconds" -timeout=10 \
     -rss_limit_mb=2048 -print_final_stats=1 -artifact_prefix="$build/artifacts/$t-" \

@@ -342,6 +342,9 @@ bool ToviLogWriter::Compose(const RecordJournal::View& view, ToviLogRecord& reco
   if ((view.flags & RecordJournal::kDeferred) != 0) {
     messageLen = deferred::Render(view.message, view.messageLength, p);
     if (messageLen == 0) return false;
+    // A "%c" of 0 ends the text there, as it did when the call formatted it
+    // and traced the result.
+    messageLen = strnlen(p, messageLen);
   } else {
     if (messageLen > kMaxMessageBytes) return false;
     std::memcpy(p, view.message, messageLen);
