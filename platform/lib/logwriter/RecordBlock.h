@@ -1,10 +1,10 @@
-// RecordBlock.h - the message blocks that carry records through the queues.
+// RecordBlock.h - the message blocks that carry held-back records.
 //
 // A block's data holds a ToviLogRecord followed by its time stamp and text.
 // Blocks come in a few fixed sizes and are recycled through a process-wide
 // pool with a small cache per thread, so that in steady state a record costs
 // its tracing thread no allocation and the writer thread frees nothing that
-// another thread's allocator must take back. A queue counts each block by
+// another thread's allocator must take back. The store counts each block by
 // its size, which is the memory it really holds.
 #ifndef TOVI_LOGWRITER_RECORDBLOCK_H
 #define TOVI_LOGWRITER_RECORDBLOCK_H
@@ -17,7 +17,8 @@
 
 namespace recordblock {
 
-// The bytes of blocks that one queue holds before producers wait.
+// The bytes of blocks the held-back store holds at most (its record count
+// is the tighter bound).
 constexpr std::size_t kQueueWaterMark = 10240000;
 // The pooled block sizes; a record takes the smallest that holds it. A
 // larger record gets a block of its own size that is freed after use.

@@ -22,6 +22,13 @@ constexpr uint64_t State(uint64_t position, Kind kind) { return position << 8 | 
 constexpr uint64_t PositionOf(uint64_t state) { return state >> 8; }
 constexpr Kind KindOf(uint64_t state) { return static_cast<Kind>(state & 0xff); }
 constexpr uint64_t Round8(uint64_t n) { return (n + 7) & ~uint64_t{7}; }
+// Where a scan at position goes on: the end of a lap too short to hold an
+// entry is left empty (Reserve pads only where an entry fits), so the scan
+// steps to the next lap.
+constexpr uint64_t SkipShortLapEnd(uint64_t position) {
+  const uint64_t left = RecordJournal::kRingBytes - position % RecordJournal::kRingBytes;
+  return left < sizeof(RecordJournal::Entry) ? position + left : position;
+}
 
 // ".<prefix>.<seconds>.<pid>.journal": the name says whose it is, and names
 // sort by age.
@@ -188,11 +195,8 @@ RecordJournal::Entry* RecordJournal::Next() {
       m_cursor = 0;
       continue;
     }
-    const uint64_t left = kRingBytes - m_cursor % kRingBytes;
-    if (left < sizeof(Entry)) {
-      m_cursor += left;
-      continue;
-    }
+    m_cursor = SkipShortLapEnd(m_cursor);
+    if (m_cursor >= (head & ~kClosed)) continue;
     Entry* entry = EntryIn(*ring, m_cursor);
     const uint64_t state = entry->state.load(std::memory_order_acquire);
     if (PositionOf(state) != m_cursor) return nullptr;  // its producer is still at it
@@ -244,11 +248,8 @@ std::size_t RecordJournal::Waiting() const {
   for (;;) {
     const uint64_t head = ring->head.load(std::memory_order_acquire) & ~kClosed;
     while (position < head) {
-      const uint64_t left = kRingBytes - position % kRingBytes;
-      if (left < sizeof(Entry)) {
-        position += left;
-        continue;
-      }
+      position = SkipShortLapEnd(position);
+      if (position >= head) break;
       const Entry* entry = EntryIn(*ring, position);
       const uint64_t state = entry->state.load(std::memory_order_acquire);
       if (PositionOf(state) != position) break;
@@ -308,11 +309,8 @@ void RecordJournal::Trim(Header& header) {
   const uint64_t committed = header.committedGeneration.load(std::memory_order_acquire);
   uint64_t tail = start;
   while (tail < head) {
-    const uint64_t left = kRingBytes - tail % kRingBytes;
-    if (left < sizeof(Entry)) {
-      tail += left;
-      continue;
-    }
+    tail = SkipShortLapEnd(tail);
+    if (tail >= head) break;
     const Entry* entry = EntryIn(header, tail);
     const uint64_t state = entry->state.load(std::memory_order_acquire);
     if (PositionOf(state) != tail) break;  // its producer is still at it
@@ -388,11 +386,9 @@ std::vector<const RecordJournal::Entry*> RecordJournal::Unwritten(const Header& 
   const uint64_t committed = header.committedGeneration.load(std::memory_order_acquire);
   std::vector<const Entry*> unwritten;
   for (uint64_t p = header.tail.load(std::memory_order_acquire); p < head;) {
+    p = SkipShortLapEnd(p);
+    if (p >= head) break;
     const uint64_t left = kRingBytes - p % kRingBytes;
-    if (left < sizeof(Entry)) {
-      p += left;
-      continue;
-    }
     const Entry* entry = EntryIn(header, p);
     const uint32_t size = entry->size.load(std::memory_order_relaxed);
     if (entry->position.load(std::memory_order_acquire) != p || size < sizeof(Entry) ||

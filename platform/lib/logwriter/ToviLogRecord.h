@@ -1,11 +1,11 @@
-// ToviLogRecord.h - one message on its way from a tracing thread to a writer.
+// ToviLogRecord.h - one message as the writer thread hands it to its sinks.
 //
-// Everything about the message that must be fixed at the moment of the call
-// (time, thread, text, a private copy of the ASN.1 value) lives here, so the
-// writer thread never looks back at the caller. The record stands at the
-// start of its message block's data, with its time stamp and its text right
-// behind it: one block carries a whole message, and blocks are recycled, so
-// a message costs the tracing thread no allocation once the pool is warm.
+// The writer composes one from each ring entry (its time stamp and text in
+// the writer's own buffers), and a held-back record is one at the start of
+// its recycled message block, with its time stamp and text right behind it.
+// Either way the record carries everything fixed at the moment of the call
+// (time, thread, text, a private copy of the ASN.1 value), so the writer
+// never looks back at the caller.
 #ifndef TOVI_LOGWRITER_TOVILOGRECORD_H
 #define TOVI_LOGWRITER_TOVILOGRECORD_H
 
@@ -24,21 +24,17 @@ public:
   ToviLogRecord(const ToviLogRecord&) = delete;
   ToviLogRecord& operator=(const ToviLogRecord&) = delete;
 
-  // A record with no time, text or value tells the writer thread to end.
-  bool IsEndMarker() const { return m_pTime == nullptr && m_pText == nullptr && m_pAsn == nullptr; }
-  bool HasData() const { return m_pTime != nullptr && (m_pText != nullptr || m_pAsn != nullptr); }
-
-  char* m_pTime = nullptr;  // "YYYY-MM-DD HH:MM:SS.uuuuuu", inside the block
+  char* m_pTime = nullptr;  // "YYYY-MM-DD HH:MM:SS.uuuuuu"
   uint32_t m_nThreadId = 0;
   ToviLogLevel m_nLevel = LEVEL_INFO;
-  char* m_pText = nullptr;  // NUL-terminated, inside the block
+  char* m_pText = nullptr;  // NUL-terminated
   uint32_t m_nTextLen = 0;
   // The sub-module name's share at the start of the text.
   uint32_t m_nSubModuleLen = 0;
   AsnType* m_pAsn = nullptr;
   bool m_bPrint = false;
   bool m_bLog = false;
-  // Its entry in the writer's journal (RecordJournal::Append), 0 for none.
+  // Its entry in the writer's journal (RecordJournal::HandleOf), 0 for none.
   uint64_t m_nJournal = 0;
 };
 

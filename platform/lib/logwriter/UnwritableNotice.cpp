@@ -5,7 +5,7 @@
 #include <cstring>
 
 #include "logwriter/ConsoleOutput.h"
-#include "logwriter/RecordBlock.h"
+#include "logwriter/RecordJournal.h"
 
 namespace {
 // How long a line may wait for a standard error that has been taking them.
@@ -23,7 +23,7 @@ void UnwritableNotice::Failed(int error, bool creating) try {
   m_saidErrors.push_back(error);
   Say(std::string(kLead) + (creating ? "cannot create" : "cannot write") + " log files in " +
       m_dir + ": " + std::strerror(error) + "; records wait up to about " +
-      Megabytes(recordblock::kQueueWaterMark) + " MB, then are counted as dropped\n");
+      Megabytes(RecordJournal::kRingBytes) + " MB, then are counted as dropped\n");
 } catch (...) {
 }
 
